@@ -1,0 +1,66 @@
+#include "uts_stager.h"
+
+namespace {
+
+constexpr unsigned long REPORT_STEP_FACTOR = 10;
+
+// Whether a counter that has just gone up is due for a line: at 1, 2, ... 10, 20, ... 100, 200, ...
+bool ReportDue(unsigned long counter, unsigned long& step) {
+    if (counter > REPORT_STEP_FACTOR * step) step *= REPORT_STEP_FACTOR;
+    return counter % step == 0;
+}
+
+}  // namespace
+
+char const* suts_Stager::CheckedStart(char const* recoveryPath, long windowWidth) {
+    suts_StgRecovery::RefuseUsedDirectory(recoveryPath);
+    suts_StgOrganizer::RefuseWindowWidth(windowWidth);
+    return recoveryPath;
+}
+
+suts_Stager::suts_Stager(char const* recoveryPath, char const* recoverFromPath, suts_tsspec const& spec,
+                         long windowWidth, long tuning, char const* shipHost, unsigned short shipPort1,
+                         unsigned short shipPort2, FILE* /*log*/, long messageBytesMax)
+    : spec_(spec),
+      recovery_(CheckedStart(recoveryPath, windowWidth)),
+      shipper_(recovery_, spec, shipHost, shipPort1, shipPort2, messageBytesMax),
+      organizer_(recovery_, shipper_, spec, windowWidth, tuning, recoveryPath, recoverFromPath) {
+    if (recoverFromPath != nullptr) Replay(recoverFromPath);
+}
+
+suts_Stager::~suts_Stager() = default;
+
+void suts_Stager::Replay(char const* recoverFromPath) {
+    suts_StgRecoveryPlayback playback(spec_, recoverFromPath);
+    suts_StgEntry entry;
+    unsigned long recovered = 0;
+    unsigned long step = 1;
+    while (playback.QNext(entry) == 0) {
+        if (AddRecord(entry.time, entry.key, entry.value) != RECORD_ADDED) continue;
+        ++recovered;
+        if (ReportDue(recovered, step)) fprintf(stderr, " --- Recovered %lu records\n", recovered);
+    }
+}
+
+int suts_Stager::Refuse(long time, sutl_RawBytefield& first, sutl_RawBytefield& second) {
+    long const bytes = first.length + static_cast<long>(second.length);
+    first.Clear();
+    second.Clear();
+    ++refused_;
+    if (refused_ == refusedStep_) {
+        refusedStep_ *= REPORT_STEP_FACTOR;
+        if (time < 0) {
+            fprintf(stderr, "ERROR, record refused: negative time stamp %ld (%lu refused so far)\n", time, refused_);
+        } else {
+            fprintf(stderr, "ERROR, record refused: %ld bytes, %ld are the most (%lu refused so far)\n", bytes,
+                    SUTS_RECORD_BYTES_MAX, refused_);
+        }
+    }
+    return RECORD_REFUSED;
+}
+
+void suts_Stager::Terminate() {
+    organizer_.Terminate();
+    shipper_.Stop();
+    recovery_.Terminate();
+}

@@ -1,0 +1,236 @@
+#include "uts_stgorganizer.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "sutl_assert.h"
+#include "sutl_resourceusage.h"
+#include "uts_stgkeyfile.h"
+
+namespace {
+
+constexpr sutl_AssertSite SITE_BULK = {"UTL/C/LIBS/UTS/uts_stgorganizer.h", 125};
+constexpr sutl_AssertSite SITE_FUTURE_BUCKET = {"UTL/C/LIBS/UTS/uts_stgorganizer.h", 216};
+constexpr sutl_AssertSite SITE_WINDOW_WIDTH = {"uts_stgorganizer.cpp", 192};
+constexpr sutl_AssertSite SITE_NOT_TERMINATED = {"uts_stgorganizer.cpp", 233};
+
+constexpr useconds_t POLL_INTERVAL_US = 1;
+constexpr unsigned long REPORT_STEP_FACTOR = 10;
+
+}  // namespace
+
+void suts_StgOrganizer::RefuseWindowWidth(long windowWidth) {
+    // The text is older than the divisor.
+    sutl_assertfunc(windowWidth > 0 && windowWidth % WINDOW_DIVISOR == 0, SITE_WINDOW_WIDTH.file,
+                    SITE_WINDOW_WIDTH.line, " ERROR, Window width has to be multiple of 100!\n", nullptr);
+}
+
+suts_StgOrganizer::suts_StgOrganizer(suts_StgRecovery& recovery, suts_StgShipper& shipper, suts_tsspec const& spec,
+                                     long windowWidth, long /*tuning*/, char const* recoveryPath,
+                                     char const* recoverFromPath)
+    : recovery_(recovery),
+      shipper_(shipper),
+      spec_(spec),
+      windowWidthUs_((RefuseWindowWidth(windowWidth), static_cast<unsigned long>(windowWidth))),
+      bucketWidthUs_(windowWidthUs_ / WINDOW_BUCKETS),
+      latestUs_(windowWidthUs_ + 1),
+      current_((latestUs_ - baseUs_) / bucketWidthUs_),
+      transfer_(spec, recovery),
+      keyFilePath_(std::string(recoveryPath) + "/KeyFile"),
+      keyFile_(suts_CreateLogFile(keyFilePath_)) {
+    if (!keyFile_.IsOpen()) {
+        // The file that is in the way is not ours to remove.
+        recovery_.RemoveFirstFile();
+        abort();
+    }
+    if (recoverFromPath != nullptr) ReadKeyFile(spec, recoverFromPath, keyFile_);
+    if (!thread_.Start(suts_RunOrganizer, this, "TOrg")) {
+        perror("ERROR, organizer thread could not be started: ");
+        AbortStart();
+    }
+}
+
+// Ends a start that failed, after its message: the same command works once the cause is mended.
+void suts_StgOrganizer::AbortStart() {
+    recovery_.RemoveFirstFile();
+    remove(keyFilePath_.c_str());
+    abort();
+}
+
+void suts_StgOrganizer::ReadKeyFile(suts_tsspec const& spec, char const* recoverFromPath,
+                                    sutl_Descriptor const& newKeyFile) {
+    suts_StgKeyFileReader reader(spec, recoverFromPath);
+    sutl_RawBytefield key;
+    suts_StgKeyFileReader::Result result;
+    while ((result = reader.Next(key)) == suts_StgKeyFileReader::KEY) {
+        // Written first: where the key is known already the index releases its bytes.
+        suts_AppendKey(newKeyFile, key, false);
+        sutl_WriteLock lock(keys_.lock);
+        keys_.Insert(key);
+    }
+    if (result == suts_StgKeyFileReader::CORRUPT) {
+        fputs("Corrupt Recovery Keyfile!\n", stderr);
+        AbortStart();
+    }
+}
+
+suts_StgOrganizer::~suts_StgOrganizer() {
+    if (state_ != TERMINATED) {
+        sutl_AssertFailed(SITE_NOT_TERMINATED, " ERROR, Organizer destruction without termination!");
+    }
+}
+
+void suts_StgOrganizer::Terminate() {
+    {
+        sutl_MutexLock lock(transferMutex_);
+        transfer_.Put({nullptr, suts_StgROTransfer::END_TIME, {}, {}}, {});
+        state_ = END_QUEUED;
+        fprintf(stderr, "TMain: TQ termination %ld\n", transfer_.Queued());
+    }
+    thread_.Join();
+    fputs("TMain Gathered TOrg\n", stderr);
+    state_ = TERMINATED;
+}
+
+// Organizer thread ------------------------------------------------------------
+
+void* suts_RunOrganizer(void* organizer) {
+    auto& self = *static_cast<suts_StgOrganizer*>(organizer);
+    sutl_ResourceUsage usage;
+    unsigned long reportStep = 1;  // records between two reports
+    unsigned long total = 0;
+    unsigned long delta = 0;  // absorbed since the last report
+    bool endReached = false;
+    suts_StgOrganizer::Batch batch;
+    while (!endReached) {
+        int const count = self.TakeBatch(batch, endReached);
+        if (count > 0) {
+            total += static_cast<unsigned long>(count);
+            delta += static_cast<unsigned long>(count);
+            self.recovery_.NoteTaken(total);
+            self.AbsorbRecords(batch.data(), count);
+        } else if (!endReached) {
+            usleep(POLL_INTERVAL_US);
+        }
+        if (delta >= reportStep) {
+            char prefix[96];
+            snprintf(prefix, sizeof prefix, "TOrg: Total recs absorbed %lu delta %lu ", total, delta);
+            usage.Report(prefix, " ");
+            usage.Restart();
+            delta = 0;
+        }
+        if (reportStep * REPORT_STEP_FACTOR < total) reportStep *= REPORT_STEP_FACTOR;
+    }
+    fputs("TOrg -> Termination received, shipping everything.\n", stderr);
+    self.Ship(true);
+    return nullptr;
+}
+
+int suts_StgOrganizer::TakeBatch(Batch& batch, bool& endReached) {
+    int count = 0;
+    sutl_MutexLock lock(transferMutex_);
+    while (transfer_.Queued() > 0 && count < BATCH_RECORDS_MAX) {
+        suts_StgROTransfer::QEntry& entry = batch[static_cast<std::size_t>(count)];
+        transfer_.Take(entry);
+        if (entry.IsEndMarker()) {
+            endReached = true;
+            break;
+        }
+        ++count;
+    }
+    return count;
+}
+
+void suts_StgOrganizer::AbsorbRecords(suts_StgROTransfer::QEntry* entries, int count) {
+    sutl_assertfunc(count < ABSORPTION_RECORDS_END, SITE_BULK.file, SITE_BULK.line, " ERROR, bad bulk absorption\n",
+                    nullptr);
+    FindSets(entries, count);
+    for (int i = 0; i < count; ++i) {
+        suts_StgROTransfer::QEntry const& entry = entries[i];
+        unsigned long const bucket = BucketOf(entry.time);
+        unsigned long const current = current_.load(std::memory_order_relaxed);
+        if (bucket > current) {
+            pendingAdvance_ += static_cast<long>(bucket - current);
+            AdvanceBuckets(bucket);
+        }
+        if (static_cast<unsigned long>(entry.time) > latestUs_) latestUs_ = static_cast<unsigned long>(entry.time);
+        Place(entry, *batchSets_[static_cast<std::size_t>(i)]);
+        if (pendingAdvance_ >= HAND_OFF_BUCKETS) {
+            pendingAdvance_ = 0;
+            Ship(false);
+        }
+    }
+}
+
+// Fills batchSets_. The entries' keys are released, or belong to the key index afterwards.
+void suts_StgOrganizer::FindSets(suts_StgROTransfer::QEntry* entries, int count) {
+    for (int i = 0; i < count; ++i) {
+        suts_StgKeyNode* const node = keys_.FindAsWriter(entries[i].first);
+        if (node == nullptr) {
+            InsertKeys(entries, i, count);
+            return;
+        }
+        entries[i].first.Clear();
+        batchSets_[static_cast<std::size_t>(i)] = &node->set;
+    }
+}
+
+// The same from the batch's first new key on. The write lock is held to the end, so that readers see all of the batch's
+// new keys together.
+void suts_StgOrganizer::InsertKeys(suts_StgROTransfer::QEntry* entries, int from, int count) {
+    sutl_WriteLock lock(keys_.lock);
+    for (int i = from; i < count; ++i) {
+        sutl_RawBytefield& key = entries[i].first;
+        suts_StgKeyNode* node = keys_.Find(key);
+        if (node == nullptr) {
+            suts_AppendKey(keyFile_, key, spec_.Type(0) == SUTS_STRING64);
+            node = keys_.Insert(key);
+            key.length = 0;  // the node's now
+        } else {
+            key.Clear();
+        }
+        batchSets_[static_cast<std::size_t>(i)] = &node->set;
+    }
+}
+
+void suts_StgOrganizer::Place(suts_StgROTransfer::QEntry const& entry, suts_StgBucketSet& set) {
+    unsigned long const bucket = BucketOf(entry.time);
+    unsigned long const current = current_.load(std::memory_order_relaxed);
+    sutl_WriteLock lock(set.lock);
+    if (bucket > current) sutl_AssertFailed(SITE_FUTURE_BUCKET, "Internal error\n");
+    // A late record, older than every open bucket, goes to the oldest one.
+    unsigned long const oldest = current - (suts_StgBucketSet::BUCKETS - 1);
+    unsigned long const slot = (bucket >= oldest ? bucket : oldest) % suts_StgBucketSet::BUCKETS;
+    ++placed_[slot];
+    set.Place(slot, entry.file, entry.time, entry.second);
+}
+
+void suts_StgOrganizer::AdvanceBuckets(unsigned long newCurrent) {
+    sutl_ResourceUsage const usage;
+    unsigned long const current = current_.load(std::memory_order_relaxed);
+    unsigned long const oldest = current - (suts_StgBucketSet::BUCKETS - 1);
+    unsigned long const newOldest = newCurrent - (suts_StgBucketSet::BUCKETS - 1);
+    for (suts_StgKeyNode* node = keys_.First(); node != nullptr; node = suts_StgKeyIndex::Next(node)) {
+        sutl_WriteLock lock(node->set.lock);
+        for (unsigned long bucket = oldest; bucket < newOldest && bucket <= current; ++bucket) {
+            node->set.Recycle(bucket % suts_StgBucketSet::BUCKETS);
+        }
+    }
+    char prefix[96];
+    snprintf(prefix, sizeof prefix, "TOrg: Advanced buckets from %lu to %lu ", current, newCurrent);
+    usage.Report(prefix, "");
+    current_.store(newCurrent, std::memory_order_release);
+}
+
+void suts_StgOrganizer::Ship(bool final) {
+    unsigned long const current = current_.load(std::memory_order_relaxed);
+    unsigned long const newestShipped = final ? current : current - 1;
+    shipper_.WaitUntilIdle();
+    shipper_.Post({&keys_, baseUs_ + (newestShipped + 1) * bucketWidthUs_, newestShipped});
+    if (final) {
+        shipper_.WaitUntilIdle();
+        shipper_.Stop();
+    }
+}

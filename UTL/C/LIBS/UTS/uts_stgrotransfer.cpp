@@ -1,0 +1,84 @@
+#include "uts_stgrotransfer.h"
+
+#include "sutl_assert.h"
+
+namespace {
+
+// Operators know the checks of this queue by the places of its header.
+constexpr char SITE_FILE[] = "UTL/C/LIBS/UTS/uts_stgrotransfer.h";
+constexpr sutl_AssertSite SITE_QUEUE_SIZE = {SITE_FILE, 96};
+constexpr sutl_AssertSite SITE_TRAIL = {SITE_FILE, 97};
+constexpr sutl_AssertSite SITE_TRAIL_2 = {SITE_FILE, 118};
+constexpr sutl_AssertSite SITE_READ_BACK = {SITE_FILE, 119};
+constexpr sutl_AssertSite SITE_EMPTY = {SITE_FILE, 131};
+
+}  // namespace
+
+suts_StgROTransfer::~suts_StgROTransfer() {
+    while (memoryQueue_.size > 0) DropOldestFromMemory();
+}
+
+void suts_StgROTransfer::DropOldestFromMemory() {
+    QEntry dropped = memoryQueue_.Getend();
+    dropped.first.Clear();
+    dropped.second.Clear();
+}
+
+void suts_StgROTransfer::DropFromOldestRun() {
+    if (--runs_.Oldest().count == 0) runs_.Getend();
+}
+
+void suts_StgROTransfer::Put(QEntry const& entry, suts_StgLogPosition const& position) {
+    if (runs_.size > 0 && runs_.Newest().file == entry.file) {
+        ++runs_.Newest().count;
+    } else {
+        runs_.Addfront({entry.file, 1});
+    }
+    memoryQueue_.Addfront(entry);
+    if (memoryQueue_.size > MEMORY_RECORDS_MAX) DropOldestFromMemory();
+    PositionOf(put_) = position;
+    ++put_;
+    ++queued_;
+    ++trail_;
+    // A backlog begins: its oldest record is the oldest whose position is still known.
+    if (queued_ == TRAIL_RECORDS_MAX) backlogStart_ = PositionOf(put_ - TRAIL_RECORDS_MAX);
+    if (queued_ <= MEMORY_RECORDS_MAX && trail_ >= TRAIL_RECORDS_MAX) AdvanceTrail();
+}
+
+// Everything queued is in memory, so the reader's place moves on by counting: nothing has to be read.
+void suts_StgROTransfer::AdvanceTrail() {
+    if (queued_ != memoryQueue_.size) sutl_AssertFailed(SITE_QUEUE_SIZE, "ERROR, queued/qsize mismatch.");
+    if (trail_ != TRAIL_RECORDS_MAX) sutl_AssertFailed(SITE_TRAIL, "ERROR, trail mismatch.");
+    DropFromOldestRun();
+    --trail_;
+}
+
+void suts_StgROTransfer::Take(QEntry& out) {
+    if (queued_ < 1) sutl_AssertFailed(SITE_EMPTY, "ERROR, getting from empty queue");
+    if (queued_ > MEMORY_RECORDS_MAX) [[unlikely]] {
+        TakeFromLog(out);
+        return;
+    }
+    if (reading_) [[unlikely]] {
+        trailReader_.Detach();
+        reading_ = false;
+    }
+    out = memoryQueue_.Getend();
+    --queued_;
+}
+
+void suts_StgROTransfer::TakeFromLog(QEntry& out) {
+    sutl_assertfunc(trail_ > MEMORY_RECORDS_MAX, SITE_TRAIL_2.file, SITE_TRAIL_2.line, "ERROR, trail mismatch 2",
+                    nullptr);
+    suts_StgEntry entry;
+    bool const placed = reading_ || trailReader_.Seek(backlogStart_);
+    if (!placed || trailReader_.QNext(entry) != 0) sutl_AssertFailed(SITE_READ_BACK, "ERROR, recovery read failed!\n");
+    reading_ = true;
+    out.time = entry.time;
+    out.first = entry.key;
+    out.second = entry.value;
+    --queued_;
+    --trail_;
+    out.file = runs_.Oldest().file;
+    DropFromOldestRun();
+}

@@ -1,0 +1,75 @@
+// Ship messages: how the records of one key are gathered and encoded.
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "sutl_list.h"
+#include "sutl_netorderbytefield.h"
+#include "sutl_rawbytefield.h"
+#include "uts_fieldtranslation.h"
+#include "uts_stgbucket.h"
+#include "uts_stgrecovery.h"
+#include "uts_tsspec.h"
+
+// The messages under construction: one, and further ones of the same type where it would pass its greatest length. Byte
+// fields are kept for the next use. Owned by the ship thread.
+class suts_StgShipMessages {
+ public:
+    explicit suts_StgShipMessages(long bytesMax) : bytesMax_(bytesMax) {}
+
+    void Begin(unsigned int type);  // drops what is there and starts the first message
+    void StartFurther();            // goes on in a further message of the same type
+    void SealLast();                // no more is appended
+
+    [[nodiscard]] sutl_NetorderByteField& Current() { return *messages_[used_ - 1]; }
+    [[nodiscard]] bool CurrentIsBare() const;  // nothing behind the type yet
+    [[nodiscard]] long Room() const;           // bytes that still fit into the current message
+    [[nodiscard]] std::size_t Used() const { return used_; }
+    [[nodiscard]] sutl_NetorderByteField& Message(std::size_t index) { return *messages_[index]; }
+
+ private:
+    long const bytesMax_;
+    unsigned int type_ = 0;
+    std::size_t used_ = 0;  // messages begun since Begin
+    std::vector<std::unique_ptr<sutl_NetorderByteField>> messages_;
+};
+
+// One record on its way into a message.
+struct suts_StgShipEntry {
+    unsigned long time;       // microseconds
+    sutl_RawBytefield value;  // shares its heap array with the bucket, unless ownsValue
+    bool ownsValue;           // taken from retired contents: cleared once it is encoded
+};
+
+// Orders ship entries by time.
+class suts_StgShipQComp : public sutl_Comparator<sutl_list_base_iter> {
+ public:
+    // -1, 0 or 1 as a's time is smaller than, equal to or greater than b's, unsigned.
+    long Compare(sutl_list_base_iter const& a, sutl_list_base_iter const& b) override;
+};
+
+// What the ship thread works with from key to key. Owned by the shipper.
+struct suts_StgShipBatch {
+    suts_StgShipBatch(suts_StgRecovery& recovery, suts_tsspec const& spec, long messageBytesMax);
+
+    suts_StgRecovery& recovery;
+    suts_tsspec const& spec;
+    int const keyStrings;              // strings among the key's and
+    int const valueStrings;            // the value's fields: their lengths are on the wire only
+    unsigned long upperTimeBound = 0;  // of the cycle, as in suts_StgShipJob
+    unsigned long bucketNumber = 0;    // of the cycle
+    suts_StgShipMessages messages;
+    sutl_LIST<suts_StgShipEntry> entries;  // of the key at hand; empty between keys
+    long entriesBytes = 0;                 // what they take in a message
+};
+
+// Appends the key as field 0 of a record to the current message, or to a further one where it does not fit.
+void suts_AppendKeyToMessages(suts_StgShipMessages& messages, sutl_RawBytefield const& key, suts_tsspec const& spec);
+
+// Gathers the key's unshipped records that are due, marks each in the recovery log, sorts them by time and appends them
+// as a key block. A block that does not fit goes to a further message, and is cut into blocks of the same key where it
+// is longer than a message; no block holds less than one record of a non-empty gathering. Everything is encoded on
+// return.
+void suts_ShipThrdAssembly(suts_StgShipBatch& batch, sutl_RawBytefield const& key, suts_StgBucketSet& buckets)
+    SUTL_REQUIRES_SHARED(buckets.lock);

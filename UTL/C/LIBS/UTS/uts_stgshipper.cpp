@@ -1,0 +1,167 @@
+#include "uts_stgshipper.h"
+
+#include <netdb.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "sutl_frame.h"
+#include "sutl_resourceusage.h"
+#include "sutl_tcpsocket.h"
+
+suts_StgShipper::suts_StgShipper(suts_StgRecovery& recovery, suts_tsspec const& spec, char const* host,
+                                 unsigned short port1, unsigned short port2, long messageBytesMax)
+    : recovery_(recovery), spec_(spec), batch_(recovery, spec, messageBytesMax) {
+    Connect(host, port1, port2);
+    if (!thread_.Start(suts_RunShipper, this, "TShp")) {
+        perror("ERROR, ship thread could not be started: ");
+        recovery_.RemoveFirstFile();
+        abort();
+    }
+}
+
+void suts_StgShipper::Connect(char const* host, unsigned short port1, unsigned short port2) {
+    firstSocket_ = sutl_OpenTcpSocket();
+    if (!firstSocket_.IsOpen()) return perror("Socket open failed:");
+    secondSocket_ = sutl_OpenTcpSocket();
+    if (!secondSocket_.IsOpen()) return perror("Socket open failed:");
+    sutl_SetNoDelay(firstSocket_);
+    sutl_SetNoDelay(secondSocket_);
+    hostent const* const found = gethostbyname(host);
+    if (found == nullptr || found->h_addrtype != AF_INET || found->h_addr_list[0] == nullptr) {
+        fprintf(stderr, "ERROR: Hostname lookup for %s failed! \n", host);
+        return;
+    }
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    memcpy(&address.sin_addr, found->h_addr_list[0], sizeof address.sin_addr);
+    address.sin_port = htons(port1);
+    if (!sutl_Connect(firstSocket_, address)) return perror("ERROR TCPClient connection failed! ");
+    address.sin_port = htons(port2);
+    if (!sutl_Connect(secondSocket_, address)) return perror("ERROR TCPClient connection failed! ");
+}
+
+// Hand-off with the organizer -------------------------------------------------
+
+void suts_StgShipper::WaitUntilIdle() {
+    sutl_MutexLock lock(mutex_);
+    while (state_ != IDLE && state_ != FINISHED) condition_.Wait(mutex_);
+}
+
+void suts_StgShipper::Post(suts_StgShipJob const& job) {
+    sutl_MutexLock lock(mutex_);
+    job_ = job;
+    state_ = REQUESTED;
+    condition_.Signal();
+}
+
+void suts_StgShipper::Stop() {
+    {
+        sutl_MutexLock lock(mutex_);
+        // A cycle that was posted is carried out first; the thread that stops twice finds nothing running.
+        while (state_ == REQUESTED) condition_.Wait(mutex_);
+        state_ = TERMINATE;
+        condition_.Signal();
+    }
+    thread_.Join();
+    firstSocket_.Close();
+    secondSocket_.Close();
+}
+
+suts_StgShipper::State suts_StgShipper::WaitForOrder() {
+    sutl_MutexLock lock(mutex_);
+    while ((state_ & WAKES_THREAD) == 0) condition_.Wait(mutex_);
+    running_ = job_;
+    return state_;
+}
+
+void suts_StgShipper::FinishCycle() {
+    sutl_MutexLock lock(mutex_);
+    state_ = FINISHED;
+    condition_.Signal();
+}
+
+// Ship thread -----------------------------------------------------------------
+
+void* suts_RunShipper(void* shipper) {
+    auto& self = *static_cast<suts_StgShipper*>(shipper);
+    while (self.WaitForOrder() != suts_StgShipper::TERMINATE) {
+        self.RunCycle();
+        self.FinishCycle();
+    }
+    fputs(" TShp: Terminating..\n", stderr);
+    return nullptr;
+}
+
+void suts_StgShipper::Send() {
+    batch_.messages.SealLast();
+    for (std::size_t i = 0; i < batch_.messages.Used(); ++i) {
+        sutl_SendFrame(firstSocket_.Get(), batch_.messages.Message(i));
+    }
+}
+
+void suts_StgShipper::AnnounceKeys(suts_StgKeyIndex& keys) {
+    batch_.messages.Begin(SUTS_SHIP_KEYS);
+    {
+        sutl_ReadLock lock(keys.lock);
+        sutl_list_base_iter at = keys.shipCursor;
+        if (at.IsEnd()) {
+            at = keys.List().First();
+        } else {
+            at.StepNext();
+        }
+        for (; !at.IsEnd(); at.StepNext()) {
+            suts_AppendKeyToMessages(batch_.messages, keys.List().Value(at).key, spec_);
+            keys.shipCursor = at;
+        }
+    }
+    Send();
+}
+
+void suts_StgShipper::ShipRecords(suts_StgKeyIndex& keys) {
+    if (keys.shipCursor.IsEnd()) return;  // no key was ever announced
+    sutl_list_base_iter shipped;          // the last key shipped in this cycle; an end before the first
+    while (shipped != keys.shipCursor) {
+        // Entries of the list never move or vanish, so they can be used when the lock is released.
+        sutl_list_base_iter group[SUTS_SHIP_GROUP_KEYS_MAX];
+        int groupKeys = 0;
+        {
+            sutl_ReadLock lock(keys.lock);
+            sutl_list_base_iter at = shipped;
+            do {
+                if (at.IsEnd()) {
+                    at = keys.List().First();
+                } else {
+                    at.StepNext();
+                }
+                group[groupKeys++] = at;
+            } while (groupKeys < SUTS_SHIP_GROUP_KEYS_MAX && at != keys.shipCursor);
+        }
+        batch_.messages.Begin(SUTS_SHIP_RECORDS);
+        // A group that has filled a message ends early; the next group begins with the key after it.
+        for (int i = 0; i < groupKeys && batch_.messages.Used() == 1; ++i) {
+            suts_StgKeyListEntry const& entry = sutl_LIST<suts_StgKeyListEntry>::Value(group[i]);
+            sutl_ReadLock lock(entry.node->set.lock);
+            suts_ShipThrdAssembly(batch_, entry.key, entry.node->set);
+            shipped = group[i];
+        }
+        Send();
+    }
+}
+
+void suts_StgShipper::RunCycle() {
+    batch_.upperTimeBound = running_.upperTimeBound;
+    batch_.bucketNumber = running_.bucketNumber;
+    fputs(" TShp: Starting..\n", stderr);
+    sutl_ResourceUsage const usage;
+    AnnounceKeys(*running_.keys);
+    fputs("TShp: Keys sent:\n", stderr);
+    ShipRecords(*running_.keys);
+    char prefix[64];
+    snprintf(prefix, sizeof prefix, "TShp: Ship done %llu", static_cast<unsigned long long>(running_.bucketNumber));
+    usage.Report(prefix, " ");
+    batch_.messages.Begin(SUTS_SHIP_CYCLE_END);
+    Send();
+    fputs("TShp: termination sent\n", stderr);
+}

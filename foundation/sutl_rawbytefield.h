@@ -1,0 +1,57 @@
+// The bytes of one value: a key, the packed fields of a record, one translated field.
+#pragma once
+
+#include <cstring>
+#include <type_traits>
+
+// A plain value of 16 bytes. Up to 12 bytes lie inside it, longer values in a heap array. It has no constructor,
+// destructor or copy operation of its own: copies are bitwise and share the heap array, and exactly one of the copies
+// must be cleared. Handing a byte field to another part hands over its heap array; each such place says so. Belongs to
+// one thread at a time.
+struct alignas(8) sutl_RawBytefield {
+    static constexpr int INLINE_BYTES_MAX = 12;
+
+    int length;  // bytes of the value; decides alone where they lie
+
+    // Sets the length and, above 12 bytes, allocates the array. Neither clears the bytes nor releases an earlier array.
+    void Prep(int bytes) {
+        length = bytes;
+        if (bytes > INLINE_BYTES_MAX) SetHeap(new unsigned char[static_cast<unsigned int>(bytes)]);
+    }
+
+    // Releases the array, if there is one; the length becomes 0.
+    void Clear() {
+        if (length > INLINE_BYTES_MAX) delete[] Heap();
+        length = 0;
+    }
+
+    // Preps for the bytes and copies them in. An earlier array is not released.
+    void Assign(void const* bytes, int count) {
+        Prep(count);
+        if (count > 0) memcpy(Data(), bytes, static_cast<unsigned int>(count));
+    }
+
+    [[nodiscard]] unsigned char* Data() { return length > INLINE_BYTES_MAX ? Heap() : storage_; }
+    [[nodiscard]] unsigned char const* Data() const { return length > INLINE_BYTES_MAX ? Heap() : storage_; }
+
+ private:
+    // The pointer to the heap array shares the inline bytes' place; its offset of 8 keeps it aligned.
+    static constexpr int POINTER_OFFSET = 4;
+    [[nodiscard]] unsigned char* Heap() const {
+        unsigned char* heap;
+        memcpy(&heap, storage_ + POINTER_OFFSET, sizeof heap);
+        return heap;
+    }
+    void SetHeap(unsigned char* heap) { memcpy(storage_ + POINTER_OFFSET, &heap, sizeof heap); }
+
+    unsigned char storage_[INLINE_BYTES_MAX];
+};
+
+static_assert(sizeof(sutl_RawBytefield) == 16 && std::is_trivial_v<sutl_RawBytefield>);
+
+// The order of keys: a shorter key sorts before a longer one, keys of equal length compare as unsigned bytes.
+// Negative, 0 or positive, as memcmp.
+[[nodiscard]] inline int sutl_CompareKeys(sutl_RawBytefield const& a, sutl_RawBytefield const& b) {
+    if (a.length != b.length) return a.length < b.length ? -1 : 1;
+    return memcmp(a.Data(), b.Data(), static_cast<unsigned int>(a.length));
+}
