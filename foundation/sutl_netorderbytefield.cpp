@@ -32,12 +32,12 @@ void sutl_NetorderByteField::Seal() {
 }
 
 void sutl_NetorderByteField::GetNextBytes(unsigned char* out, unsigned int n) {
-    unsigned int const words = n / WORD_BYTES;
+    std::size_t const words = n / WORD_BYTES;
     if (readPosition_ == WORD_BYTES) {
-        words_.GetendMany(out, words);
+        words_.GetendMany(out, static_cast<long>(words));
         count_ -= static_cast<int>(words * WORD_BYTES);
     } else {
-        for (unsigned int i = 0; i < words; ++i) {
+        for (std::size_t i = 0; i < words; ++i) {
             unsigned long const word = TakeWord();
             memcpy(out + i * WORD_BYTES, &word, WORD_BYTES);
         }
@@ -45,7 +45,7 @@ void sutl_NetorderByteField::GetNextBytes(unsigned char* out, unsigned int n) {
     int const rest = static_cast<int>(n % WORD_BYTES);
     if (rest > 0) {
         unsigned long const word = TakePartialWord(rest);
-        memcpy(out + words * WORD_BYTES, &word, static_cast<unsigned int>(rest));
+        memcpy(out + words * WORD_BYTES, &word, static_cast<std::size_t>(rest));
     }
 }
 

@@ -28,12 +28,13 @@ class suts_Stager {
     // Results of AddRecord.
     enum : int { RECORD_ADDED = 0, RECORD_REFUSED = 1 };
 
-    // Logs a record and hands it to the organizer; takes over the heap arrays of both byte fields. A negative time
-    // stamp, which would be taken for the end of the stream, refuses the record: nothing of it goes on, and standard
-    // error tells so for the first refused record and then in growing decades.
+    // Logs a record and hands it to the organizer; takes over the heap arrays of both byte fields. A record with a
+    // negative time stamp, which would be taken for the end of the stream, or of more than SUTS_RECORD_BYTES_MAX is
+    // refused: nothing of it goes on, and standard error tells so for the first refused record and then in growing
+    // decades.
     int AddRecord(long time, sutl_RawBytefield& first, sutl_RawBytefield& second) {
-        if (time < 0) [[unlikely]]
-            return Refuse(time, first, second);
+        bool const tooLarge = first.length + static_cast<long>(second.length) > SUTS_RECORD_BYTES_MAX;
+        if (time < 0 || tooLarge) [[unlikely]] { return Refuse(time, first, second); }
         suts_StgLogPosition const position = recovery_.AppendRecord(time, first, second);
         organizer_.Put({recovery_.CountRecord(), time, first, second}, position);
         return RECORD_ADDED;

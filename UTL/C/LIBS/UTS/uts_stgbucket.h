@@ -33,6 +33,7 @@ class suts_StgPosition {
         : tagged_(reinterpret_cast<std::uintptr_t>(chunk) | inUse) {}
 
     [[nodiscard]] bool IsEmpty() const { return Chunk() == nullptr; }
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): that is what a tag costs.
     [[nodiscard]] suts_StgChunk* Chunk() const { return reinterpret_cast<suts_StgChunk*>(tagged_ & ~TAG_MASK); }
     [[nodiscard]] unsigned int InUse() const { return static_cast<unsigned int>(tagged_ & TAG_MASK); }
     [[nodiscard]] bool ChunkIsFull() const { return InUse() == suts_StgChunk::RECORDS; }
