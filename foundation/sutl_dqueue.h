@@ -21,10 +21,11 @@ class sutl_DQUEUE : public sutl_LIST<T*> {
  public:
     static constexpr std::size_t IDLE_BLOCKS_MAX = 1024;
 
-    explicit sutl_DQUEUE(unsigned long blockSize)
-        : Blocks(IDLE_BLOCKS_MAX),
+    // blockSize: values per block. idleBlocksMax: emptied blocks that are kept beside the spare.
+    explicit sutl_DQUEUE(unsigned long blockSize, std::size_t idleBlocksMax = IDLE_BLOCKS_MAX)
+        : Blocks(idleBlocksMax),
           blockSize_(static_cast<long>(blockSize)),
-          store_(blockSize * sizeof(T), IDLE_BLOCKS_MAX) {
+          store_(blockSize * sizeof(T), idleBlocksMax) {
         reset();
     }
     ~sutl_DQUEUE() {

@@ -48,8 +48,3 @@ void sutl_NetorderByteField::GetNextBytes(unsigned char* out, unsigned int n) {
         memcpy(out + words * WORD_BYTES, &word, static_cast<std::size_t>(rest));
     }
 }
-
-void sutl_NetorderByteField::Skip(unsigned int n) {
-    for (; n >= WORD_BYTES; n -= WORD_BYTES) static_cast<void>(TakeWord());
-    if (n > 0) static_cast<void>(TakePartialWord(static_cast<int>(n)));
-}

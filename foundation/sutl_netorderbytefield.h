@@ -15,7 +15,7 @@
 // never take more than Count. A message holds at most 2^31 - 1 bytes. Belongs to one thread at a time.
 class sutl_NetorderByteField {
  public:
-    sutl_NetorderByteField() : words_(WORDS_PER_BLOCK) {}
+    sutl_NetorderByteField() : words_(WORDS_PER_BLOCK, IDLE_BLOCKS_MAX) {}
 
     void Reset();                                             // empty, whatever the last message left behind
     void Append8Byte(unsigned long* values, unsigned int n);  // swaps the caller's array in place to network order
@@ -27,13 +27,13 @@ class sutl_NetorderByteField {
     void GetNext8Byte(unsigned long* out, unsigned int n);
     void GetNext4Byte(unsigned int* out, unsigned int n);
     void GetNextBytes(unsigned char* out, unsigned int n);
-    void Skip(unsigned int n);  // takes n bytes away unseen
 
     [[nodiscard]] int Count() const { return count_; }  // bytes appended and not yet taken
 
  private:
     static constexpr int WORD_BYTES = 8;
     static constexpr unsigned long WORDS_PER_BLOCK = 32;
+    static constexpr std::size_t IDLE_BLOCKS_MAX = 1UL << 16;  // 16 MiB of message bytes are recycled
     static constexpr bool LITTLE_ENDIAN_HOST = std::endian::native == std::endian::little;
     static_assert(LITTLE_ENDIAN_HOST || std::endian::native == std::endian::big);
 
@@ -81,7 +81,7 @@ inline void sutl_NetorderByteField::AppendPartialWord(unsigned long word, int n)
         return;
     }
     words_.Addfront(joined);
-    current_ = filled == 0 ? 0 : MoveDown(word, WORD_BYTES - filled);
+    current_ = MoveDown(word, WORD_BYTES - filled);
 }
 
 inline unsigned long sutl_NetorderByteField::TakeWord() {

@@ -1,11 +1,14 @@
 // The entry: builds the objects of the server, hands the main thread to the data receiver, and takes them down.
+#include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <optional>
 
 #include "sutl_assert.h"
+#include "sutl_descriptor.h"
 #include "sutl_netorderbytefield.h"
 #include "sutl_tcpsockserver.h"
 #include "uts_commandline.h"
@@ -29,9 +32,18 @@ bool LoadSchema(suts_Settings const& settings, suts_tsspec& spec) {
     return false;
 }
 
+// Standard input, output and error must be open, or the recovery log would get their numbers and the messages with
+// them.
+void HoldStandardDescriptors() {
+    for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
+        if (fcntl(descriptor, F_GETFD) < 0) static_cast<void>(sutl_OpenFile("/dev/null", O_RDWR).Release());
+    }
+}
+
 }  // namespace
 
 int main(int argumentCount, char** arguments) {
+    HoldStandardDescriptors();
     // A peer or a reader of standard error that goes away must not end the server.
     signal(SIGPIPE, SIG_IGN);
     sutl_AbortOnAllocationFailure();

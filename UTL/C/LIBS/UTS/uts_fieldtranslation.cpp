@@ -10,16 +10,28 @@ constexpr sutl_AssertSite SITE_FIELD_TYPE = {"uts_Brindle.cpp", 60};
 
 constexpr long SCRATCH_BYTES_MIN = 1024;
 
-void TakeNumber4(sutl_NetorderByteField& field, unsigned char* out) {
-    unsigned int value;
-    field.GetNext4Byte(&value, 1);
-    memcpy(out, &value, sizeof value);
-}
-
-void TakeNumber8(sutl_NetorderByteField& field, unsigned char* out) {
-    unsigned long value;
-    field.GetNext8Byte(&value, 1);
-    memcpy(out, &value, sizeof value);
+// Takes a number to the place that room(bytes) returns.
+template <typename Room>
+suts_FieldFault TakeNumber(sutl_NetorderByteField& field, suts_FieldType type, Room room) {
+    switch (type) {
+        case SUTS_INT32: {
+            if (field.Count() < SUTS_INT32_BYTES) return FIELD_CUT;
+            unsigned int value;
+            field.GetNext4Byte(&value, 1);
+            memcpy(room(SUTS_INT32_BYTES), &value, sizeof value);
+            return FIELD_WHOLE;
+        }
+        case SUTS_INT64:
+        case SUTS_FLOAT64: {
+            if (field.Count() < SUTS_NUMBER8_BYTES) return FIELD_CUT;
+            unsigned long value;
+            field.GetNext8Byte(&value, 1);
+            memcpy(room(SUTS_NUMBER8_BYTES), &value, sizeof value);
+            return FIELD_WHOLE;
+        }
+        default:
+            sutl_AssertFailed(SITE_FIELD_TYPE, "ERROR, bad specfield\n");
+    }
 }
 
 suts_FieldFault TakeString(sutl_NetorderByteField& field, suts_ByteScratch& out) {
@@ -49,31 +61,35 @@ void suts_ByteScratch::Enlarge(int count) {
     room_ = room;
 }
 
+void suts_ByteScratch::Release() {
+    bytes_.reset();
+    room_ = 0;
+}
+
 suts_FieldFault suts_TakeSpecField(sutl_NetorderByteField& field, suts_tsspec const& spec, int index,
                                    suts_ByteScratch& out) {
-    switch (spec.Type(index)) {
-        case SUTS_STRING64:
-            return TakeString(field, out);
-        case SUTS_INT32:
-            if (field.Count() < SUTS_INT32_BYTES) return FIELD_CUT;
-            TakeNumber4(field, out.Grow(SUTS_INT32_BYTES));
-            return FIELD_WHOLE;
-        case SUTS_INT64:
-        case SUTS_FLOAT64:
-            if (field.Count() < SUTS_NUMBER8_BYTES) return FIELD_CUT;
-            TakeNumber8(field, out.Grow(SUTS_NUMBER8_BYTES));
-            return FIELD_WHOLE;
-    }
-    sutl_AssertFailed(SITE_FIELD_TYPE, "ERROR, bad specfield\n");
+    suts_FieldType const type = spec.Type(index);
+    if (type == SUTS_STRING64) return TakeString(field, out);
+    return TakeNumber(field, type, [&](int bytes) { return out.Grow(bytes); });
 }
 
 sutl_RawBytefield suts_TranslateSpecField(sutl_NetorderByteField& field, suts_tsspec const& spec, int index,
                                           suts_FieldFault* fault) {
-    suts_ByteScratch scratch;
-    suts_FieldFault const found = suts_TakeSpecField(field, spec, index, scratch);
-    if (fault != nullptr) *fault = found;
+    suts_FieldFault found = FIELD_WHOLE;
     sutl_RawBytefield value;
-    value.Assign(scratch.Data(), found == FIELD_WHOLE ? scratch.Size() : 0);
+    value.Prep(0);
+    suts_FieldType const type = spec.Type(index);
+    if (type == SUTS_STRING64) {
+        suts_ByteScratch text;
+        found = TakeString(field, text);
+        if (found == FIELD_WHOLE) value.Assign(text.Data(), text.Size());
+    } else {
+        found = TakeNumber(field, type, [&](int bytes) {
+            value.Prep(bytes);
+            return value.Data();
+        });
+    }
+    if (fault != nullptr) *fault = found;
     return value;
 }
 
@@ -82,6 +98,8 @@ void suts_ShpThrdAddBfToShpField(sutl_NetorderByteField& out, sutl_RawBytefield 
     unsigned char const* const bytes = in.Data() + offset;
     switch (spec.Type(fieldIndex)) {
         case SUTS_STRING64: {
+            // Every stored string has its NUL; a value that ends before this field has none to offer.
+            if (offset >= in.length) return;
             auto const length = static_cast<unsigned int>(
                 strnlen(reinterpret_cast<char const*>(bytes), static_cast<std::size_t>(in.length - offset - 1)) + 1);
             unsigned int wireLength = length;

@@ -13,7 +13,10 @@ class suts_ByteScratch {
  public:
     [[nodiscard]] unsigned char const* Data() const { return bytes_.get(); }
     [[nodiscard]] int Size() const { return size_; }
-    void Reset() { size_ = 0; }
+    void Reset() {
+        size_ = 0;
+        if (room_ > KEPT_BYTES_MAX) [[unlikely]] { Release(); }
+    }
     // Room for count more bytes; returns where they go. Earlier places move.
     unsigned char* Grow(int count) {
         if (size_ + static_cast<long>(count) > room_) [[unlikely]]
@@ -28,7 +31,10 @@ class suts_ByteScratch {
     void Shrink(int size) { size_ = size; }  // to fewer bytes than it holds
 
  private:
+    static constexpr long KEPT_BYTES_MAX = 1L << 20;  // a single huge use must not hold on to its room
+
     void Enlarge(int count);
+    void Release();
 
     std::unique_ptr<unsigned char[]> bytes_;
     int size_ = 0;   // bytes in use

@@ -38,10 +38,8 @@ constexpr unsigned int SUTS_SHIP_RECORDS = 2;
 constexpr unsigned int SUTS_SHIP_CYCLE_END = 3;
 constexpr int SUTS_SHIP_TYPE_BYTES = 4;
 constexpr int SUTS_SHIP_GROUP_KEYS_MAX = 100;  // key blocks of a type 2 message
-// No ship message and no query reply is longer.
+// No ship message and no query reply is longer. A record that would not fit into a message of its own is refused.
 constexpr long SUTS_MESSAGE_BYTES_MAX = 1L << 30;
-// Key and value of a record, stored form; larger records are refused, so that each fits into a message.
-constexpr long SUTS_RECORD_BYTES_MAX = SUTS_MESSAGE_BYTES_MAX / 2;
 
 // A query:
 // | offset | size   | content                                                        |

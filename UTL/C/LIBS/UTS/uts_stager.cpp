@@ -10,6 +10,13 @@ bool ReportDue(unsigned long counter, unsigned long& step) {
     return counter % step == 0;
 }
 
+// How many bytes of key and value, in stored form, still fit into a ship message of their own.
+long RecordBytesMax(suts_tsspec const& spec) {
+    int const strings = spec.HasKeyField() ? suts_StringFields(spec, 0, spec.fieldCount) : 0;
+    return SUTS_MESSAGE_BYTES_MAX - SUTS_SHIP_TYPE_BYTES - 2L * SUTS_NUMBER8_BYTES -
+           static_cast<long>(strings) * SUTS_STRING_LENGTH_BYTES;
+}
+
 }  // namespace
 
 char const* suts_Stager::CheckedStart(char const* recoveryPath, long windowWidth) {
@@ -22,6 +29,7 @@ suts_Stager::suts_Stager(char const* recoveryPath, char const* recoverFromPath, 
                          long windowWidth, long tuning, char const* shipHost, unsigned short shipPort1,
                          unsigned short shipPort2, FILE* /*log*/, long messageBytesMax)
     : spec_(spec),
+      recordBytesMax_(RecordBytesMax(spec)),
       recovery_(CheckedStart(recoveryPath, windowWidth)),
       shipper_(recovery_, spec, shipHost, shipPort1, shipPort2, messageBytesMax),
       organizer_(recovery_, shipper_, spec, windowWidth, tuning, recoveryPath, recoverFromPath) {
@@ -53,7 +61,7 @@ int suts_Stager::Refuse(long time, sutl_RawBytefield& first, sutl_RawBytefield& 
             fprintf(stderr, "ERROR, record refused: negative time stamp %ld (%lu refused so far)\n", time, refused_);
         } else {
             fprintf(stderr, "ERROR, record refused: %ld bytes, %ld are the most (%lu refused so far)\n", bytes,
-                    SUTS_RECORD_BYTES_MAX, refused_);
+                    recordBytesMax_, refused_);
         }
     }
     return RECORD_REFUSED;

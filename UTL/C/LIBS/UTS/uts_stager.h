@@ -29,11 +29,11 @@ class suts_Stager {
     enum : int { RECORD_ADDED = 0, RECORD_REFUSED = 1 };
 
     // Logs a record and hands it to the organizer; takes over the heap arrays of both byte fields. A record with a
-    // negative time stamp, which would be taken for the end of the stream, or of more than SUTS_RECORD_BYTES_MAX is
+    // negative time stamp, which would be taken for the end of the stream, or too large for a ship message is
     // refused: nothing of it goes on, and standard error tells so for the first refused record and then in growing
     // decades.
     int AddRecord(long time, sutl_RawBytefield& first, sutl_RawBytefield& second) {
-        bool const tooLarge = first.length + static_cast<long>(second.length) > SUTS_RECORD_BYTES_MAX;
+        bool const tooLarge = first.length + static_cast<long>(second.length) > recordBytesMax_;
         if (time < 0 || tooLarge) [[unlikely]] { return Refuse(time, first, second); }
         suts_StgLogPosition const position = recovery_.AppendRecord(time, first, second);
         organizer_.Put({recovery_.CountRecord(), time, first, second}, position);
@@ -52,6 +52,7 @@ class suts_Stager {
     static char const* CheckedStart(char const* recoveryPath, long windowWidth);
 
     suts_tsspec const& spec_;
+    long const recordBytesMax_;  // key and value, stored form
     suts_StgRecovery recovery_;
     suts_StgShipper shipper_;
     suts_StgOrganizer organizer_;

@@ -68,7 +68,8 @@ void suts_StgQueryService::ServeClient() {
                 return;
             case FRAME_TERMINATION:
                 // It stops nothing here; the words are those of the data port.
-                if (!closed_.load()) fputs("Received Termination,aborting\n", stderr);
+                if (closed_.load()) return;
+                fputs("Received Termination,aborting\n", stderr);
                 break;
             case FRAME_READY:
                 if (!ServeRequest()) return;
@@ -79,6 +80,7 @@ void suts_StgQueryService::ServeClient() {
 
 // Serves the request in the field. False when the conversation is over.
 bool suts_StgQueryService::ServeRequest() {
+    if (closed_.load()) return false;
     // Other types are ignored, however short or long they are.
     if (field_.Count() < SUTS_QUERY_TYPE_BYTES) return true;
     unsigned int type;
@@ -88,10 +90,10 @@ bool suts_StgQueryService::ServeRequest() {
     Request request = {};
     if (spec_.HasKeyField()) {
         if (!DecodeRequest(request)) {
-            if (!closed_.load()) fputs("ERROR, query ends inside its fields, not answered\n", stderr);
+            fputs("ERROR, query ends inside its fields, not answered\n", stderr);
             return true;
         }
-        if (field_.Count() != 0) sutl_AssertFailed(SITE_EXCESS, " WARNING: Excess data in query !\n");
+        if (field_.Count() != 0) RefuseExcess();
     }
     bool goOn = true;
     switch (Search(request)) {
@@ -111,6 +113,13 @@ bool suts_StgQueryService::ServeRequest() {
     DropHits();
     request.key.Clear();
     return goOn;
+}
+
+// Excess data are fatal for the server, but no longer for one that has ended its query service.
+void suts_StgQueryService::RefuseExcess() {
+    sutl_MutexLock gate(gate_);
+    sutl_assertfunc(stager_ == nullptr, SITE_EXCESS.file, SITE_EXCESS.line, " WARNING: Excess data in query !\n",
+                    nullptr);
 }
 
 // False when the request ends too early; nothing is to be released then.

@@ -50,6 +50,7 @@ class suts_StgQueryService {
 
     void ServeClient();
     [[nodiscard]] bool ServeRequest();
+    void RefuseExcess() SUTL_EXCLUDES(gate_);
     [[nodiscard]] bool DecodeRequest(Request& request);
     [[nodiscard]] bool DecodeStringKey(Request& request);
     [[nodiscard]] SearchResult Search(Request const& request) SUTL_EXCLUDES(gate_);

@@ -3,7 +3,7 @@
 namespace {
 
 // Entries kept for reuse; a cycle of a busy key gathers tens of thousands.
-constexpr std::size_t IDLE_ENTRIES_MAX = 1UL << 16;
+constexpr std::size_t IDLE_ENTRIES_MAX = 1UL << 18;
 
 long WireBytes(sutl_RawBytefield const& stored, int strings) {
     return stored.length + static_cast<long>(strings) * SUTS_STRING_LENGTH_BYTES;

@@ -98,6 +98,7 @@ void suts_StgShipper::Send() {
     batch_.messages.SealLast();
     for (std::size_t i = 0; i < batch_.messages.Used(); ++i) {
         sutl_SendFrame(firstSocket_.Get(), batch_.messages.Message(i));
+        batch_.messages.Message(i).Reset();  // of what a failure has left unsent
     }
 }
 
@@ -120,8 +121,8 @@ void suts_StgShipper::AnnounceKeys(suts_StgKeyIndex& keys) {
 }
 
 void suts_StgShipper::ShipRecords(suts_StgKeyIndex& keys) {
-    if (keys.shipCursor.IsEnd()) return;  // no key was ever announced
-    sutl_list_base_iter shipped;          // the last key shipped in this cycle; an end before the first
+    // The cursor's own link must not be looked at without the lock: a new key may be linked behind it at any time.
+    sutl_list_base_iter shipped;  // the last key shipped in this cycle; an end before the first
     while (shipped != keys.shipCursor) {
         // Entries of the list never move or vanish, so they can be used when the lock is released.
         sutl_list_base_iter group[SUTS_SHIP_GROUP_KEYS_MAX];

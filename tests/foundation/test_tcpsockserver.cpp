@@ -1,0 +1,159 @@
+#include <fcntl.h>
+#include <netinet/tcp.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "test_support.h"
+
+namespace {
+
+using test::CaptureStderr;
+using test::GetCapturedStderr;
+
+std::string AcceptText(int error) { return test::ErrorText(" Accept failed:", error); }
+
+// Whether the thread of this process waits inside the system.
+bool IsAsleep(pid_t thread) {
+    std::ifstream stat("/proc/self/task/" + std::to_string(thread) + "/stat");
+    std::stringstream content;
+    content << stat.rdbuf();
+    return content.str().find(") S ") != std::string::npos;
+}
+
+TEST(TcpSockServer, AcceptsPairAfterPairThroughInterruptions) {
+    sutl_TCPSockServer server;
+    test::Ports const ports = test::ListenOnFreePorts(server);
+    for (int pair = 0; pair < 2; ++pair) {
+        sutl_Descriptor first, second;
+        CaptureStderr();
+        {
+            test::Interruptions interruptions;
+            std::jthread const client = test::QuietThread([&] {
+                test::Interruptions::Await(4);
+                second = test::ConnectTo(ports.second);
+                test::Interruptions::Await(4);
+                first = test::ConnectTo(ports.first);
+            });
+            ASSERT_TRUE(server.AcceptPair());
+        }
+        EXPECT_EQ("", GetCapturedStderr());
+        sutl_FileWrite(first.Get(), "1", 1);
+        sutl_FileWrite(second.Get(), "2", 1);
+        char got[2] = {};
+        EXPECT_EQ(1, sutl_ReadSome(server.FirstConnection(), &got[0], 1));
+        EXPECT_EQ(1, sutl_ReadSome(server.SecondConnection(), &got[1], 1));
+        EXPECT_EQ("12", std::string(got, 2));
+        int noDelay = 0;
+        socklen_t size = sizeof noDelay;
+        EXPECT_EQ(0, getsockopt(server.SecondConnection(), IPPROTO_TCP, TCP_NODELAY, &noDelay, &size));
+        EXPECT_NE(0, noDelay);
+        server.CloseConnections();
+        EXPECT_EQ("", test::ReadToEnd(first.Get()) + test::ReadToEnd(second.Get())) << "the clients see the end";
+    }
+}
+
+TEST(TcpSockServer, ABusyPortIsReportedAndTheAcceptFails) {
+    sutl_TCPSockServer holder, former, closed;
+    test::Ports const busy = test::ListenOnFreePorts(holder);
+    // This one stops listening, but its connections live on: addresses are not marked reusable.
+    test::Ports const used = test::ListenOnFreePorts(former);
+    sutl_Descriptor const first = test::ConnectTo(used.first);
+    sutl_Descriptor const second = test::ConnectTo(used.second);
+    ASSERT_TRUE(former.AcceptPair());
+    former.ClosePort();
+    test::Ports const free = test::ListenOnFreePorts(closed);
+    closed.ClosePort();
+    for (test::Ports const ports : {busy, test::Ports{free.first, busy.second}, {used.first, free.second}}) {
+        sutl_TCPSockServer server;
+        CaptureStderr();
+        server.Listen(ports.first, ports.second);
+        EXPECT_FALSE(server.AcceptPair());
+        EXPECT_EQ(test::ErrorText("Binding socket failed:", EADDRINUSE) + AcceptText(EINVAL), GetCapturedStderr());
+    }
+}
+
+TEST(TcpSockServer, WhatIsNotOpenIsNotClosed) {
+    sutl_TCPSockServer server;
+    server.ClosePort();
+    server.StopListening();
+    server.CloseConnections();
+    CaptureStderr();
+    EXPECT_FALSE(server.AcceptPair());
+    EXPECT_EQ(AcceptText(EBADF), GetCapturedStderr());
+    test::ListenOnFreePorts(server);
+    server.ClosePort();
+    auto const [first, second] = test::Pipe();  // takes the numbers that are free again
+    server.ClosePort();
+    server.StopListening();
+    EXPECT_TRUE(fcntl(first.Get(), F_GETFD) >= 0 && fcntl(second.Get(), F_GETFD) >= 0);
+}
+
+TEST(TcpSockServer, RunningOutOfDescriptorsIsReported) {
+    std::string const opening = test::ErrorText("Socket open failed:", EMFILE);
+    struct {
+        char const* name;
+        int allowed;  // descriptors more than are open
+        bool listens, firstStaysOpen;
+        std::string text;
+    } const rows[] = {
+        {"first socket", 0, false, false, opening + AcceptText(EBADF)},
+        {"second socket", 1, false, false, opening + AcceptText(EMFILE)},
+        {"first accept", 0, true, false, AcceptText(EMFILE)},
+        {"second accept", 1, true, true, AcceptText(EMFILE)},
+    };
+    for (auto const& row : rows) {
+        sutl_TCPSockServer server;
+        sutl_Descriptor first, second;
+        if (row.listens) {
+            test::Ports const ports = test::ListenOnFreePorts(server);
+            first = test::ConnectTo(ports.first);
+            second = test::ConnectTo(ports.second);
+        }
+        test::ChildEnd const end = test::RunInChild([&] {
+            sutl_Descriptor lowestFree(dup(STDERR_FILENO));
+            auto const limit = static_cast<rlim_t>(lowestFree.Get() + row.allowed);
+            lowestFree.Close();
+            rlimit const limits = {limit, limit};
+            setrlimit(RLIMIT_NOFILE, &limits);
+            if (!row.listens) server.Listen(1, 2);
+            bool const accepted = server.AcceptPair();
+            return accepted || (server.FirstConnection() >= 0) != row.firstStaysOpen || server.SecondConnection() >= 0;
+        });
+        EXPECT_EQ(row.text, end.standardError) << row.name;
+        EXPECT_EQ(0, end.status) << row.name;
+    }
+}
+
+TEST(TcpSockServer, StopListeningWakesAnAcceptInAnotherThread) {
+    for (bool const muted : {false, true}) {
+        for (bool const firstConnected : {false, true}) {
+            SCOPED_TRACE(testing::Message() << "muted " << muted << ", first connected " << firstConnected);
+            sutl_TCPSockServer server;
+            test::Ports const ports = test::ListenOnFreePorts(server);
+            sutl_Descriptor const first = firstConnected ? test::ConnectTo(ports.first) : sutl_Descriptor();
+            std::atomic<bool> const mute = muted;
+            std::atomic<pid_t> accepting = 0;
+            std::atomic<bool> returned = false;
+            CaptureStderr();
+            {
+                std::jthread const acceptor = test::QuietThread([&] {
+                    accepting = gettid();
+                    EXPECT_FALSE(server.AcceptPair(&mute));
+                    returned = true;
+                });
+                test::WaitUntil("a blocked accept", [&] { return accepting != 0 && IsAsleep(accepting); });
+                server.StopListening();
+                if (!test::WaitUntil("the end of the accept", [&] { return returned.load(); })) {
+                    // Lets the thread go, so that the test ends.
+                    test::ConnectTo(ports.first).Close();
+                    test::ConnectTo(ports.second).Close();
+                }
+            }
+            EXPECT_EQ(muted ? "" : AcceptText(EINVAL), GetCapturedStderr());
+            EXPECT_EQ(firstConnected, server.FirstConnection() >= 0);
+        }
+    }
+}
+
+}  // namespace

@@ -1,0 +1,120 @@
+// The organizer far behind the producer: records come back from the recovery log while its files are being removed.
+#include <algorithm>
+#include <random>
+
+#include "harness.h"
+
+namespace systest {
+namespace {
+
+struct Load {
+    char const* name;
+    char const* types;
+    int keys;
+    std::function<std::string(int number)> rest;
+    std::size_t logRecordBytes;  // at least
+    int inStep;                  // records sent while the organizer keeps up
+    int backlog;                 // records sent while the consumer does not read
+};
+
+// Event time so fast that nearly every record hands the one before it off: recovery files go as soon as they are
+// closed. Now and then a record is late or time stands still, so that files do not go in step with the reading.
+class FastRecords {
+ public:
+    FastRecords(unsigned int seed, Load const& load) : random_(seed), load_(load) {}
+    Records Next(int count) {
+        Records records;
+        for (int i = 0; i < count; ++i, ++made_) {
+            int const kind = Pick(20);
+            if (kind >= 3) now_ += At(1 + Pick(3));
+            std::int64_t const time = kind == 0 ? now_ - At(Pick(5)) : now_ + Pick(1000);
+            records.push_back({Int32(made_ % load_.keys), std::max(time, At(5)), load_.rest(made_)});
+        }
+        return records;
+    }
+
+ private:
+    int Pick(unsigned int below) { return static_cast<int>(random_() % below); }
+
+    std::mt19937 random_;
+    Load const& load_;
+    int made_ = 0;
+    std::int64_t now_ = At(6);
+};
+
+// In step, behind, in step, behind, and the end while behind. Every record comes out once and with its own bytes.
+void ExpectEveryRecordOnce(Load const& load) {
+    unsigned int const seed = std::random_device{}();
+    SCOPED_TRACE(std::string(load.name) + ", seed " + std::to_string(seed));
+    Session session(load.types, Downstream::NARROW);
+    session.Start();
+    FastRecords source(seed, load);
+    BucketModel model;
+    Records sent;
+    auto const send = [&](int count) {
+        Records const records = source.Next(count);
+        session.Send(records, 50);
+        model.Absorb(records);
+        sent.insert(sent.end(), records.begin(), records.end());
+    };
+    std::filesystem::path const directory = session.recovery;
+    for (int round = 0; round < 2; ++round) {
+        // Each step is shipped before the next, which leaves the log's second reader some thousand records behind.
+        for (int i = 0; i < 10; ++i) {
+            send(load.inStep / 10);
+            session.WaitCycles(model.cycles());
+        }
+        WriteFile(directory / ("stray" + std::to_string(round)), "not a recovery file");
+        session.consumer().Pause(true);
+        send(load.backlog);
+        if (round == 1) break;
+        // What cannot be shipped stays in the log, so its size tells when the records were received.
+        session.server().Wait("the backlog in the log", [&](std::string& seen) {
+            std::uintmax_t bytes = 0;
+            std::error_code removed;
+            for (std::string const& name : List(directory))
+                if (std::uintmax_t const size = std::filesystem::file_size(directory / name, removed); !removed)
+                    bytes += size;
+            seen = std::to_string(bytes) + " bytes";
+            return bytes >= static_cast<std::size_t>(load.backlog) * load.logRecordBytes / 2;
+        });
+        session.consumer().Pause(false);
+        session.WaitCycles(model.cycles());
+    }
+    session.Disconnect();
+    std::string const marker = "TMain: TQ termination ";
+    session.server().WaitTold(marker);
+    std::string const& errors = session.server().Errors();
+    EXPECT_GT(std::stol(errors.substr(errors.find(marker) + marker.size())), 1000) << "no backlog to speak of";
+    session.consumer().Pause(false);
+
+    EXPECT_EQ("exit 0", session.server().WaitEnd());
+    Cycles const cycles = session.Shipped();
+    EXPECT_EQ(model.cycles() + 1, cycles.size());
+    ExpectSameRecords(sent, AllRecords(cycles));
+    ExpectOrderedBlocks(cycles, sent);
+    EXPECT_EQ((Texts{"KeyFile", "stray0", "stray1"}), List(directory)) << "strays are left alone, files are not left";
+}
+
+constexpr int SLOW = SANITIZED ? 2 : 1;
+
+TEST(Backlog, OfSmallRecordsComesBackFromTheLog) {
+    ExpectEveryRecordOnce({"20 bytes", "44", 60, Int32, 20, 2000 / SLOW, 5000 / SLOW});
+}
+
+TEST(Backlog, OfRecordsThatEachCloseAFileComesBackFromTheLog) {
+    auto const rest = [](int i) {
+        return Text(std::to_string(i) + std::string(20000, static_cast<char>('a' + i % 26)));
+    };
+    ExpectEveryRecordOnce({"20 KB", "4s", 3, rest, 20000, 300, 2200});
+}
+
+TEST(Backlog, OfMixedSizesComesBackFromTheLog) {
+    auto const rest = [](int i) {
+        return Int32(i) + Text(std::string(i % 97 == 0 ? 15000 : static_cast<std::size_t>(i % 50), 'm'));
+    };
+    ExpectEveryRecordOnce({"mixed", "44s", 120, rest, 45, 2000 / SLOW, 4000 / SLOW});
+}
+
+}  // namespace
+}  // namespace systest

@@ -1,0 +1,359 @@
+// Ship messages: which records are due, in which order, marked how often, and in which bytes.
+#include "uts_stgshipassembly.h"
+
+#include "uts_support.h"
+
+namespace {
+
+using test::Net;
+using test::Record;
+using test::Texts;
+using test::Types;
+using namespace std::string_literals;
+
+constexpr unsigned long BUCKETS = suts_StgBucketSet::BUCKETS;
+
+// A log, a batch, and the bucket sets of some keys.
+struct Shipping {
+    Shipping(Types const& types, std::size_t keys, long messageBytesMax = SUTS_MESSAGE_BYTES_MAX)
+        : schema(types), batch(log, schema, messageBytesMax), sets(keys) {}
+
+    void Place(std::size_t key, unsigned long bucket, Record const& record) {
+        suts_StgFileRecord* const file = test::Log(log, record);
+        sutl_WriteLock const lock(sets[key].lock);
+        sets[key].Place(bucket % BUCKETS, file, record.time, test::Field(record.value));
+    }
+    void Recycle(std::size_t key, unsigned long bucket) {
+        sutl_WriteLock const lock(sets[key].lock);
+        sets[key].Recycle(bucket % BUCKETS);
+    }
+    // The messages with the blocks of all keys.
+    Texts Ship(unsigned long bucketNumber, unsigned long upperTimeBound, Texts const& keys) {
+        batch.bucketNumber = bucketNumber;
+        batch.upperTimeBound = upperTimeBound;
+        batch.messages.Begin(SUTS_SHIP_RECORDS);
+        for (std::size_t i = 0; i < keys.size(); ++i) {
+            sutl_RawBytefield stored = test::Field(keys[i]);
+            {
+                sutl_ReadLock const lock(sets[i].lock);
+                suts_ShipThrdAssembly(batch, stored, sets[i]);
+            }
+            stored.Clear();
+        }
+        return Messages(batch.messages);
+    }
+    static Texts Messages(suts_StgShipMessages& messages) {
+        messages.SealLast();
+        Texts texts;
+        for (std::size_t i = 0; i < messages.Used(); ++i) {
+            messages.Message(i).StartReading();
+            texts.push_back(test::Drain(messages.Message(i)));
+        }
+        return texts;
+    }
+
+    test::Directory directory;
+    test::Schema schema;
+    suts_StgRecovery log{directory.Path()};
+    suts_StgShipBatch batch;
+    std::vector<suts_StgBucketSet> sets;
+};
+
+TEST(ShipAssembly, ABlockByteForByte) {
+    std::string const head = "\0\0\0\2"s;
+    std::string const noRecords = "\0\0\0\0\0\0\0\0"s;
+    struct {
+        char const* name;
+        Types types;
+        std::string key;
+        std::vector<Record> records;
+        std::string message;
+    } const rows[] = {
+        {"all types",
+         {SUTS_STRING64, SUTS_INT32, SUTS_STRING64, SUTS_FLOAT64, SUTS_INT64},
+         "k\0"s,
+         {{0x0102030405060708, "", "\xfe\xff\xff\xff\0"s + test::Host(1.0) + test::Host(7L), "", ""}},
+         head + "\0\0\0\2k\0"s + "\0\0\0\0\0\0\0\1"s + "\1\2\3\4\5\6\7\x08"s + "\xff\xff\xff\xfe"s + "\0\0\0\1\0"s +
+             "\x3f\xf0\0\0\0\0\0\0"s + "\0\0\0\0\0\0\0\7"s},
+        {"empty key, no record", {SUTS_STRING64, SUTS_INT32}, "\0"s, {}, head + "\0\0\0\1\0"s + noRecords},
+        {"float64 key, no record", {SUTS_FLOAT64}, test::Host(-1.0), {}, head + "\xbf\xf0\0\0\0\0\0\0"s + noRecords},
+        {"one field",
+         {SUTS_INT32},
+         "\1\2\3\4"s,
+         {{258, "", "", "", ""}, {1, "", "", "", ""}},
+         head + "\4\3\2\1"s + "\0\0\0\0\0\0\0\2"s + "\0\0\0\0\0\0\0\1"s + "\0\0\0\0\0\0\1\2"s},
+    };
+    for (auto const& row : rows) {
+        SCOPED_TRACE(row.name);
+        Shipping shipping(row.types, 1);
+        for (Record const& record : row.records) shipping.Place(0, 7, record);
+        EXPECT_EQ(Texts({row.message}), shipping.Ship(7, ~0UL, {row.key}));
+    }
+}
+
+struct Step {
+    enum Action { PLACE, RECYCLE, SHIP } action;
+    unsigned long bucket;
+    unsigned long timeUs;      // PLACE: the record's; SHIP: the upper time bound
+    std::vector<int> shipped;  // SHIP: numbers of the records, counted from 0 as they were placed
+};
+
+Step Place(unsigned long bucket, unsigned long timeUs) { return {Step::PLACE, bucket, timeUs, {}}; }
+Step Recycle(unsigned long bucket) { return {Step::RECYCLE, bucket, 0, {}}; }
+Step Ship(unsigned long bucket, unsigned long bound, std::vector<int> shipped) {
+    return {Step::SHIP, bucket, bound, std::move(shipped)};
+}
+
+TEST(ShipAssembly, ShipsWhatIsDueOnceAndMarksIt) {
+    struct {
+        char const* name;
+        std::vector<Step> steps;
+    } const rows[] = {
+        {"the five newest buckets",
+         {Place(3, 30), Place(4, 40), Place(5, 50), Place(6, 60), Place(7, 70), Ship(7, 100, {0, 1, 2, 3, 4})}},
+        {"nothing of the ring below bucket 5",
+         {Place(4, 10), Ship(0, 100, {}), Ship(3, 100, {}), Ship(4, 100, {}), Ship(5, 100, {0})}},
+        {"retired contents at every bucket",
+         {Place(1, 10), Recycle(1), Ship(3, 100, {0}), Place(2, 10), Recycle(2), Ship(4, 100, {1})}},
+        {"retired contents whatever their time", {Place(7, 500), Recycle(7), Ship(7, 100, {0})}},
+        {"the newest arrival tells, not the greatest time", {Place(7, 500), Place(7, 70), Ship(7, 100, {1, 0})}},
+        {"a newest arrival that is not due holds back its bucket", {Place(7, 70), Place(7, 500), Ship(7, 100, {})}},
+        {"at the bound is not due", {Place(7, 100), Ship(7, 100, {}), Ship(7, 101, {0})}},
+        {"a stop abandons older buckets",
+         {Place(5, 50), Place(6, 500), Place(7, 70), Ship(7, 100, {2}), Ship(7, 100, {}), Ship(7, 501, {0, 1})}},
+        {"an empty bucket stops nothing", {Place(5, 50), Place(3, 30), Ship(7, 100, {1, 0})}},
+        {"late records come next",
+         {Place(6, 60), Place(6, 50), Ship(7, 100, {1, 0}), Place(6, 40), Ship(7, 100, {2}), Ship(7, 100, {})}},
+        {"what was shipped before it was recycled does not come again",
+         {Place(6, 60), Ship(7, 100, {0}), Place(6, 50), Recycle(6), Ship(7, 100, {1}), Ship(7, 100, {})}},
+        {"of equal times the oldest retired first, the newest live last",
+         {Place(3, 10), Place(3, 10), Recycle(3), Place(4, 10), Recycle(4), Place(7, 10), Place(7, 10), Place(6, 10),
+          Ship(7, 100, {0, 1, 2, 5, 3, 4})}},
+    };
+    for (auto const& row : rows) {
+        SCOPED_TRACE(row.name);
+        Shipping shipping({SUTS_STRING64, SUTS_INT32, SUTS_STRING64}, 1);
+        std::vector<Record> placed;
+        std::size_t marked = 0;
+        for (Step const& step : row.steps) {
+            if (step.action == Step::PLACE) {
+                auto const number = static_cast<int>(placed.size());
+                std::string const text = "a value on the heap\0"s;
+                placed.push_back({static_cast<long>(step.timeUs), "key\0"s, test::Host(number) + text, "",
+                                  Net(number) + Net(20) + text});
+                shipping.Place(0, step.bucket, placed.back());
+            } else if (step.action == Step::RECYCLE) {
+                shipping.Recycle(0, step.bucket);
+            } else {
+                std::string message = "\0\0\0\2\0\0\0\4key\0"s + Net(step.shipped.size());
+                for (int const number : step.shipped) {
+                    message += placed[static_cast<std::size_t>(number)].InShipMessage();
+                }
+                EXPECT_EQ(Texts({message}), shipping.Ship(step.bucket, step.timeUs, {"key\0"s}));
+                marked += step.shipped.size();
+                EXPECT_EQ(
+                    " F1 Elements: " + std::to_string(placed.size()) + " Committed: " + std::to_string(marked) + " \n",
+                    test::StandardErrorOf([&] { shipping.log.PrintStatus(); }));
+            }
+        }
+    }
+}
+
+// One key's records as a plain model keeps them.
+struct KeyModel {
+    std::vector<Record> buckets[BUCKETS];
+    std::size_t shipped[BUCKETS] = {};
+    std::vector<Record> retired;  // in the order of gathering
+
+    void Recycle(unsigned long slot) {
+        std::vector<Record> const unshipped(buckets[slot].begin() + static_cast<long>(shipped[slot]),
+                                            buckets[slot].end());
+        retired.insert(retired.begin(), unshipped.rbegin(), unshipped.rend());
+        buckets[slot].clear();
+        shipped[slot] = 0;
+    }
+    // Encoded, in the order of shipping.
+    Texts Ship(unsigned long bucketNumber, long bound) {
+        std::vector<Record> gathered;
+        for (unsigned long back = 0; bucketNumber >= BUCKETS && back < BUCKETS; ++back) {
+            unsigned long const slot = (bucketNumber - back) % BUCKETS;
+            std::vector<Record> const& bucket = buckets[slot];
+            if (bucket.empty()) continue;
+            if (bucket.back().time >= bound) break;
+            gathered.insert(gathered.end(), bucket.rbegin(), bucket.rend() - static_cast<long>(shipped[slot]));
+            shipped[slot] = bucket.size();
+        }
+        gathered.insert(gathered.end(), retired.begin(), retired.end());
+        retired.clear();
+        std::reverse(gathered.begin(), gathered.end());
+        std::stable_sort(gathered.begin(), gathered.end(), [](auto& a, auto& b) { return a.time < b.time; });
+        Texts encoded;
+        for (Record const& record : gathered) encoded.push_back(record.InShipMessage());
+        return encoded;
+    }
+};
+
+// Takes the fields from first to last, exclusive, off the text; their bytes.
+std::string TakeFields(std::string_view& text, Types const& types, std::size_t first, std::size_t last) {
+    std::size_t bytes = 0;
+    for (std::size_t i = first; i < last; ++i) {
+        if (types[i] == SUTS_STRING64) {
+            auto const byteAt = [&](std::size_t at) { return static_cast<unsigned char>(text.at(bytes + at)); };
+            bytes += 4UL + byteAt(0) * 0x1000000UL + byteAt(1) * 0x10000UL + byteAt(2) * 0x100UL + byteAt(3);
+        } else {
+            bytes += types[i] == SUTS_INT32 ? 4 : 8;
+        }
+    }
+    std::string const fields(text.substr(0, bytes));
+    text.remove_prefix(bytes);
+    return fields;
+}
+
+struct Block {
+    std::string key;
+    Texts records;
+    bool operator==(Block const&) const = default;
+};
+
+// Blocks of one key in a row are joined, as a consumer has to. No message may be longer than it must be, and none
+// shorter than it need be: a key goes on in the next one only when its next record did not fit.
+std::vector<Block> Join(Texts const& messages, Types const& types, std::size_t bytesMax) {
+    std::vector<Block> joined;
+    std::size_t formerBytes = bytesMax;
+    for (std::string const& message : messages) {
+        std::string_view text = message;
+        EXPECT_EQ("\0\0\0\2"s, text.substr(0, 4));
+        text.remove_prefix(4);
+        std::size_t blocks = 0;
+        std::size_t records = 0;
+        for (; !text.empty(); ++blocks) {
+            Block block = {TakeFields(text, types, 0, 1), {}};
+            std::string_view const count = text.substr(0, 8);
+            text.remove_prefix(8);
+            while (Net(block.records.size()) != count) {
+                std::string const time(text.substr(0, 8));
+                text.remove_prefix(8);
+                block.records.push_back(time + TakeFields(text, types, 1, types.size()));
+            }
+            records += block.records.size();
+            if (blocks == 0 && !joined.empty() && joined.back().key == block.key) {
+                EXPECT_FALSE(block.records.empty());
+                EXPECT_FALSE(joined.back().records.empty());
+                EXPECT_GT(formerBytes + block.records[0].size(), bytesMax);
+                joined.back().records.insert(joined.back().records.end(), block.records.begin(), block.records.end());
+            } else {
+                joined.push_back(std::move(block));
+            }
+        }
+        EXPECT_GT(blocks, 0U);
+        if (blocks > 1 || records > 1) { EXPECT_LE(message.size(), bytesMax); }
+        formerBytes = message.size();
+    }
+    return joined;
+}
+
+TEST(ShipAssembly, MessagesHoldWhatAPlainModelShips) {
+    test::Random random = test::SeededRandom();
+    long const limits[] = {64, 100, 256, 1024, 4096, SUTS_MESSAGE_BYTES_MAX};
+    for (int run = 0; run < 120; ++run) {
+        Types const types = test::RandomTypes(random);
+        long const bytesMax = limits[test::Below(random, std::size(limits))];
+        Texts keys;
+        Texts wireKeys;
+        // Distinct, so that joined blocks can be told apart.
+        for (char const last : {'a', 'b', 'c', 'd'}) {
+            std::string key = test::RandomStored(random, types[0]);
+            key[0] = types[0] == SUTS_STRING64 && key.size() == 1 ? '\0' : last;
+            if (std::find(keys.begin(), keys.end(), key) != keys.end()) continue;
+            keys.push_back(key);
+            wireKeys.push_back(test::Wire(types[0], key));
+        }
+        Shipping shipping(types, keys.size(), bytesMax);
+        std::vector<KeyModel> models(keys.size());
+        unsigned long current = 4;
+        auto const ship = [&](unsigned long bucketNumber, long bound) {
+            std::vector<Block> expected;
+            std::string whole = "\0\0\0\2"s;
+            for (std::size_t i = 0; i < keys.size(); ++i) {
+                expected.push_back({wireKeys[i], models[i].Ship(bucketNumber, bound)});
+                whole += wireKeys[i] + Net(expected.back().records.size());
+                for (std::string const& record : expected.back().records) whole += record;
+            }
+            Texts const messages = shipping.Ship(bucketNumber, static_cast<unsigned long>(bound), keys);
+            if (static_cast<long>(whole.size()) <= bytesMax) {
+                EXPECT_EQ(Texts({whole}), messages);
+            } else {
+                EXPECT_EQ(expected, Join(messages, types, static_cast<std::size_t>(bytesMax)));
+            }
+        };
+        for (int step = 0; step < 300; ++step) {
+            std::size_t const action = test::Below(random, 20);
+            if (action > 1) {
+                std::size_t const key = test::Below(random, keys.size());
+                unsigned long const bucket = current - test::Below(random, BUCKETS);
+                Record record = test::RandomRecord(random, types);
+                record.time = static_cast<long>(bucket * 10 + test::Below(random, 10));
+                shipping.Place(key, bucket, record);
+                models[key].buckets[bucket % BUCKETS].push_back(record);
+            } else if (action == 1) {
+                unsigned long const next = current + 1 + test::Below(random, 3);
+                for (unsigned long bucket = current - 4; bucket < next - 4; ++bucket) {
+                    for (std::size_t key = 0; key < keys.size(); ++key) {
+                        shipping.Recycle(key, bucket);
+                        models[key].Recycle(bucket % BUCKETS);
+                    }
+                }
+                current = next;
+            } else {
+                ship(current - 1, static_cast<long>(current * 10 + 5 - test::Below(random, 20)));
+            }
+        }
+        // Everything that is left; then everything was marked, and once.
+        for (unsigned long slot = 0; slot < BUCKETS; ++slot) {
+            for (std::size_t key = 0; key < keys.size(); ++key) {
+                if (slot % 2 == 0) continue;
+                shipping.Recycle(key, slot);
+                models[key].Recycle(slot);
+            }
+        }
+        ship(current + 5, INT64_MAX);
+        ship(current + 5, INT64_MAX);
+        shipping.log.Terminate();
+        EXPECT_EQ("", shipping.directory.Names());
+        if (HasFailure()) return;
+    }
+}
+
+TEST(ShipAssembly, KeysAreAnnouncedInAsManyMessagesAsTheyNeed) {
+    test::Random random = test::SeededRandom();
+    for (std::size_t const bytesMax : {std::size_t(64), std::size_t(300), std::size_t(1) << 30}) {
+        suts_StgShipMessages messages(static_cast<long>(bytesMax));
+        // Twice, since messages are used again.
+        for (int run = 0; run < 2; ++run) {
+            test::Schema const schema({SUTS_STRING64, SUTS_STRING64});
+            messages.Begin(SUTS_SHIP_KEYS);
+            EXPECT_EQ(Texts({"\0\0\0\1"s}), Shipping::Messages(messages));
+            messages.Begin(SUTS_SHIP_KEYS);
+            std::string expected;
+            for (int i = 0; i < 500; ++i) {
+                std::string const key = test::RandomStored(random, SUTS_STRING64);
+                sutl_RawBytefield stored = test::Field(key);
+                suts_AppendKeyToMessages(messages, stored, schema);
+                stored.Clear();
+                expected += test::Wire(SUTS_STRING64, key);
+            }
+            std::string joined;
+            for (std::string const& message : Shipping::Messages(messages)) {
+                EXPECT_EQ("\0\0\0\1"s, message.substr(0, 4));
+                std::string_view keys = std::string_view(message).substr(4);
+                joined += keys;
+                // One key alone may be longer than a message.
+                TakeFields(keys, {SUTS_STRING64}, 0, 1);
+                if (!keys.empty()) { EXPECT_LE(message.size(), bytesMax); }
+            }
+            EXPECT_TRUE(expected == joined);
+        }
+    }
+}
+
+}  // namespace

@@ -1,0 +1,44 @@
+// brindlectl: the companions of the server, each a subcommand.
+
+#include <signal.h>
+
+#include <CLI/CLI.hpp>
+
+#include "commands.h"
+#include "sutl_assert.h"
+
+int main(int argc, char** argv) {
+    // A reader that leaves shows as a failed write, which is reported.
+    signal(SIGPIPE, SIG_IGN);
+    sutl_AbortOnAllocationFailure();
+
+    CLI::App program(
+        "Feeds a running Brindle server with records, receives what it ships, asks it for staged records, and shows "
+        "what a run left behind.",
+        "brindlectl");
+    program.set_version_flag("--version", "brindlectl " BRINDLE_VERSION);
+    program.require_subcommand(1);
+    program.fallthrough();
+    program.failure_message([](CLI::App const*, CLI::Error const& error) {
+        return fmt::format("brindlectl: {}\nRun brindlectl --help, or brindlectl COMMAND --help.\n", error.what());
+    });
+    program.footer(
+        R"(Each command has a --help of its own. The options --spec, --data, --ship and --query can also be given by the
+environment variables BRINDLE_SPEC, BRINDLE_DATA, BRINDLE_SHIP and BRINDLE_QUERY.
+Exit status: 0 done, 2 wrong usage, 65 bad data, 69 the other side is not there, 74 input or output failed,
+78 the schema cannot be used.
+Examples:
+  brindlectl sink --spec flights.spec --ship 127.0.0.1:7001,7002 --output shipped.csv
+  brindlectl send --spec flights.spec --data 127.0.0.1:7101,7102 flights.csv)");
+
+    std::unique_ptr<Command> const commands[] = {MakeSendCommand(), MakeSinkCommand(), MakeQueryCommand(),
+                                                 MakeDumpCommand()};
+    for (auto const& command : commands) command->Declare(program);
+    try {
+        program.parse(argc, argv);
+    } catch (CLI::ParseError const& error) { return program.exit(error) == 0 ? DONE : USAGE; }
+    for (auto const& command : commands) {
+        if (command->IsChosen()) return command->Run();
+    }
+    return USAGE;
+}

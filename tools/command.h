@@ -1,0 +1,94 @@
+// What the commands of brindlectl have in common.
+#pragma once
+
+#include <fmt/format.h>
+
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "brindle_connection.h"
+#include "brindle_result.h"
+#include "record_output.h"
+#include "uts_tsspec.h"
+
+// The command line parser is known to command.cpp and main alone: its header costs seconds wherever it is read.
+namespace CLI {
+class App;
+}
+
+// How brindlectl ends.
+enum ExitCode : int {
+    DONE = 0,
+    USAGE = 2,               // the command line is wrong
+    BAD_DATA = 65,           // what was read is not what it should be
+    UNAVAILABLE = 69,        // the other side is not there, or went away
+    IO_ERROR = 74,           // reading or writing failed
+    BAD_CONFIGURATION = 78,  // the schema cannot be used
+};
+
+// One subcommand: declares its options, then runs on their values. Owned by main, used on one thread. What it has to
+// say goes to standard error, each line after the name of the command.
+class Command {
+ public:
+    Command() = default;
+    Command(Command const&) = delete;
+    Command& operator=(Command const&) = delete;
+    virtual ~Command() = default;
+
+    virtual void Declare(CLI::App& program) = 0;
+    [[nodiscard]] virtual ExitCode Run() = 0;  // may block as the command's help says
+    [[nodiscard]] bool IsChosen() const;
+
+ protected:
+    // Adds the subcommand with the options that all have. Everything below declares an option of it, whose value the
+    // parser puts into the variable; a value that is there before is the default.
+    void Add(CLI::App& program, char const* name, char const* description, char const* examples);
+    void AddArgument(char const* name, char const* description, std::string& value);  // required, by its place
+    void AddOption(char const* option, char const* typeName, char const* description, std::string& value);
+    void AddFlag(char const* option, char const* description, bool& value);
+    void AddChoice(char const* option, std::vector<std::string> const& choices, std::string& value);
+    void AddTime(char const* option, char const* description, long& timeUs);
+    void AddAddress(char const* option, char const* variable, char const* description);  // to address_
+    void AddWait();
+    void AddTimeName();
+
+    // Loads the schema and checks that records can be made of it. DONE, or BAD_CONFIGURATION, said.
+    [[nodiscard]] ExitCode LoadSpec(suts_tsspec& spec) const;
+    // Checks that the columns of an output differ in their names. DONE, or USAGE, said.
+    [[nodiscard]] ExitCode CheckColumns(suts_tsspec const& spec, std::vector<std::string> names) const;
+    [[nodiscard]] ExitCode OpenOutput(RecordOutput& output) const;
+    // Writes what the output holds. DONE, or IO_ERROR, said.
+    [[nodiscard]] ExitCode FlushOutput(RecordOutput& output) const;
+
+    // Tells that the connection could not be made. UNAVAILABLE.
+    [[nodiscard]] ExitCode FailToConnect(brindle_Result result) const;
+
+    // Says what went wrong and returns the code.
+    template <typename... Arguments>
+    ExitCode Fail(ExitCode code, fmt::format_string<Arguments...> format, Arguments&&... arguments) const {
+        Print(fmt::format(format, std::forward<Arguments>(arguments)...));
+        return code;
+    }
+    // Says what was done, unless that is not wanted.
+    template <typename... Arguments>
+    void Say(fmt::format_string<Arguments...> format, Arguments&&... arguments) const {
+        if (!quiet_) Print(fmt::format(format, std::forward<Arguments>(arguments)...));
+    }
+
+    [[nodiscard]] brindle_Connection::Milliseconds Wait() const { return std::chrono::seconds(waitSeconds_); }
+
+    brindle_Address address_;
+    std::string addressText_;
+    std::string timeName_ = "time";  // of the column that holds the record's time
+    std::string outputPath_ = "-";   // "-" is standard output
+    int waitSeconds_ = 10;
+
+ private:
+    void Print(std::string const& line) const;
+
+    CLI::App* app_ = nullptr;  // owned by the program
+    std::string specPath_;
+    bool quiet_ = false;
+};

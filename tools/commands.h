@@ -1,0 +1,11 @@
+// The commands of brindlectl, one source file each.
+#pragma once
+
+#include <memory>
+
+#include "command.h"
+
+std::unique_ptr<Command> MakeSendCommand();
+std::unique_ptr<Command> MakeSinkCommand();
+std::unique_ptr<Command> MakeQueryCommand();
+std::unique_ptr<Command> MakeDumpCommand();

@@ -1,0 +1,180 @@
+#include "record_output.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <iterator>
+
+#include "time_text.h"
+#include "value_text.h"
+
+namespace {
+
+constexpr std::size_t WRITE_BYTES = 64 * 1024;  // gathered before a write
+constexpr mode_t FILE_MODE = 0666;              // as far as the user's mask lets
+
+bool IsNumber(suts_FieldType type) { return type != SUTS_STRING64; }
+
+// Characters that a terminal shows, taking UTF-8 for granted.
+std::size_t WidthOf(std::string_view text) {
+    return static_cast<std::size_t>(
+        std::count_if(text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; }));
+}
+
+// The text without characters that would move the cursor.
+std::string ForTerminal(std::string_view text) {
+    std::string shown;
+    for (char const c : text) {
+        auto const code = static_cast<unsigned char>(c);
+        if (code < ' ' || code == 0x7F) {
+            fmt::format_to(std::back_inserter(shown), "\\x{:02x}", code);
+        } else {
+            shown += c;
+        }
+    }
+    return shown;
+}
+
+}  // namespace
+
+RecordOutput::RecordOutput(RecordFormat format, suts_tsspec const& spec, std::vector<std::string> leadingNames,
+                           std::string timeName)
+    : format_(format), spec_(spec), names_(std::move(leadingNames)) {
+    names_.push_back(std::move(timeName));
+    for (int i = 0; i < spec.fieldCount; ++i) names_.emplace_back(spec.fieldNames[static_cast<std::size_t>(i)].get());
+}
+
+bool RecordOutput::Open(std::string const& path) {
+    descriptor_ = STDOUT_FILENO;
+    if (path != "-") {
+        file_ = sutl_Descriptor(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, FILE_MODE));
+        if (!file_.IsOpen()) return false;
+        descriptor_ = file_.Get();
+    }
+    struct stat status = {};
+    regularFile_ = fstat(descriptor_, &status) == 0 && S_ISREG(status.st_mode);
+    AddHeader();
+    return true;
+}
+
+void RecordOutput::AddHeader() {
+    if (format_ == RecordFormat::TABLE) tableRows_.push_back(names_);
+    if (format_ != RecordFormat::CSV) return;
+    for (std::size_t i = 0; i < names_.size(); ++i) {
+        if (i > 0) text_ += ',';
+        AppendCsv(text_, names_[i]);
+    }
+    text_ += '\n';
+}
+
+void RecordOutput::Add(std::span<unsigned long const> leading, long timeUs, std::span<brindle_Value const> values) {
+    switch (format_) {
+        case RecordFormat::TABLE:
+            return AddTableRow(leading, timeUs, values);
+        case RecordFormat::JSONL:
+            AddJson(leading, timeUs, values);
+            break;
+        case RecordFormat::CSV:
+            for (unsigned long const number : leading) fmt::format_to(std::back_inserter(text_), "{},", number);
+            fmt::format_to(std::back_inserter(text_), "{}", timeUs);
+            for (brindle_Value const& value : values) {
+                text_ += ',';
+                AppendCsv(text_, value);
+            }
+            text_ += '\n';
+            break;
+    }
+    if (text_.size() >= WRITE_BYTES) Write();
+}
+
+void RecordOutput::AddJson(std::span<unsigned long const> leading, long timeUs, std::span<brindle_Value const> values) {
+    std::size_t column = 0;
+    auto const addName = [&] {
+        text_ += column == 0 ? '{' : ',';
+        AppendJson(text_, names_[column++]);
+        text_ += ':';
+    };
+    for (unsigned long const number : leading) {
+        addName();
+        fmt::format_to(std::back_inserter(text_), "{}", number);
+    }
+    addName();
+    fmt::format_to(std::back_inserter(text_), "{}", timeUs);
+    for (brindle_Value const& value : values) {
+        addName();
+        AppendJson(text_, value);
+    }
+    text_ += "}\n";
+}
+
+void RecordOutput::AddTableRow(std::span<unsigned long const> leading, long timeUs,
+                               std::span<brindle_Value const> values) {
+    std::vector<std::string> row;
+    for (unsigned long const number : leading) row.push_back(std::to_string(number));
+    AppendIsoTime(row.emplace_back(), timeUs);
+    for (brindle_Value const& value : values) {
+        std::string text;
+        AppendPlain(text, value);
+        row.push_back(ForTerminal(text));
+    }
+    tableRows_.push_back(std::move(row));
+}
+
+void RecordOutput::LayOutTable() {
+    std::size_t const fieldColumns = names_.size() - static_cast<std::size_t>(spec_.fieldCount);
+    std::vector<std::size_t> widths(names_.size(), 0);
+    for (auto const& row : tableRows_) {
+        for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], WidthOf(row[i]));
+    }
+    for (auto const& row : tableRows_) {
+        for (std::size_t i = 0; i < row.size(); ++i) {
+            std::string const padding(widths[i] - WidthOf(row[i]), ' ');
+            bool const rightAligned = i >= fieldColumns && IsNumber(spec_.Type(static_cast<int>(i - fieldColumns)));
+            if (i > 0) text_ += "  ";
+            if (rightAligned) text_ += padding;
+            text_ += row[i];
+            if (!rightAligned && i + 1 < row.size()) text_ += padding;
+        }
+        text_ += '\n';
+    }
+    tableRows_.clear();
+}
+
+int RecordOutput::Flush() {
+    if (format_ == RecordFormat::TABLE) LayOutTable();
+    Write();
+    return error_;
+}
+
+void RecordOutput::Write() {
+    // A pipe that can be written to takes this much at once, so that no write ever waits where a stop is not seen.
+    std::size_t const bytesMax = regularFile_ ? text_.size() : PIPE_BUF;
+    std::string_view left = text_;
+    while (error_ == 0 && !left.empty()) {
+        if (!regularFile_ && !WaitUntilWritable()) {
+            error_ = ECANCELED;
+            break;
+        }
+        ssize_t const written = write(descriptor_, left.data(), std::min(left.size(), bytesMax));
+        if (written >= 0) {
+            left.remove_prefix(static_cast<std::size_t>(written));
+        } else if (errno != EINTR) {
+            error_ = errno;
+        }
+    }
+    text_.clear();
+}
+
+bool RecordOutput::WaitUntilWritable() const {
+    for (;;) {
+        pollfd waited[] = {{descriptor_, POLLOUT, 0}, {stopDescriptor_, POLLIN, 0}};
+        if (poll(waited, std::size(waited), -1) < 0 && errno == EINTR) continue;
+        return waited[0].revents != 0 || waited[1].revents == 0;
+    }
+}

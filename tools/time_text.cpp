@@ -1,0 +1,126 @@
+#include "time_text.h"
+
+#include <date/date.h>
+#include <fmt/format.h>
+
+#include <charconv>
+#include <chrono>
+#include <iterator>
+
+namespace {
+
+using std::chrono::microseconds;
+
+// Takes a text from its start, piece by piece. Each function takes nothing where it returns false.
+class Cursor {
+ public:
+    explicit Cursor(std::string_view text) : left_(text) {}
+
+    [[nodiscard]] bool AtEnd() const { return left_.empty(); }
+
+    bool TakeAnyOf(std::string_view characters) {
+        if (left_.empty() || characters.find(left_.front()) == std::string_view::npos) return false;
+        left_.remove_prefix(1);
+        return true;
+    }
+
+    // Exactly so many digits.
+    bool TakeNumber(std::size_t digits, int& value) {
+        if (left_.size() < digits || DigitsAhead() < digits) return false;
+        std::from_chars(left_.data(), left_.data() + digits, value);
+        left_.remove_prefix(digits);
+        return true;
+    }
+
+    // The digits behind a decimal point.
+    bool TakeFraction(long& valueUs) {
+        std::size_t const digits = DigitsAhead();
+        if (digits == 0) return false;
+        valueUs = 0;
+        for (std::size_t i = 0; i < 6; ++i) valueUs = 10 * valueUs + (i < digits ? left_[i] - '0' : 0);
+        left_.remove_prefix(digits);
+        return true;
+    }
+
+ private:
+    [[nodiscard]] std::size_t DigitsAhead() const {
+        return std::min(left_.find_first_not_of("0123456789"), left_.size());
+    }
+
+    std::string_view left_;
+};
+
+bool TakeDate(Cursor& cursor, date::sys_days& day) {
+    int year = 0;
+    int month = 0;
+    int dayOfMonth = 0;
+    if (!cursor.TakeNumber(4, year) || !cursor.TakeAnyOf("-") || !cursor.TakeNumber(2, month) ||
+        !cursor.TakeAnyOf("-") || !cursor.TakeNumber(2, dayOfMonth)) {
+        return false;
+    }
+    auto const named = date::year(year) / month / dayOfMonth;
+    if (!named.ok()) return false;
+    day = date::sys_days(named);
+    return true;
+}
+
+bool TakeTimeOfDay(Cursor& cursor, microseconds& time) {
+    int hour = 0;
+    int minute = 0;
+    int second = 0;
+    long fractionUs = 0;
+    if (!cursor.TakeNumber(2, hour) || !cursor.TakeAnyOf(":") || !cursor.TakeNumber(2, minute)) return false;
+    if (cursor.TakeAnyOf(":")) {
+        if (!cursor.TakeNumber(2, second)) return false;
+        if (cursor.TakeAnyOf(".,") && !cursor.TakeFraction(fractionUs)) return false;
+    }
+    if (hour > 23 || minute > 59 || second > 59) return false;
+    time = std::chrono::hours(hour) + std::chrono::minutes(minute) + std::chrono::seconds(second) +
+           microseconds(fractionUs);
+    return true;
+}
+
+// What local time is ahead of UTC; 0 where nothing is said.
+bool TakeOffset(Cursor& cursor, microseconds& ahead) {
+    if (cursor.AtEnd() || cursor.TakeAnyOf("Zz")) return true;
+    bool const east = cursor.TakeAnyOf("+");
+    if (!east && !cursor.TakeAnyOf("-")) return false;
+    int hour = 0;
+    int minute = 0;
+    if (!cursor.TakeNumber(2, hour)) return false;
+    cursor.TakeAnyOf(":");
+    if (!cursor.TakeNumber(2, minute) || hour > 23 || minute > 59) return false;
+    ahead = std::chrono::hours(hour) + std::chrono::minutes(minute);
+    if (!east) ahead = -ahead;
+    return true;
+}
+
+}  // namespace
+
+bool ParseTime(std::string_view text, long& timeUs) {
+    if (!text.empty() && text.find_first_not_of("0123456789", text.front() == '-' ? 1 : 0) == std::string_view::npos) {
+        auto const [end, error] = std::from_chars(text.begin(), text.end(), timeUs);
+        return error == std::errc() && end == text.end();
+    }
+    Cursor cursor(text);
+    date::sys_days day;
+    microseconds time{0};
+    microseconds ahead{0};
+    if (!TakeDate(cursor, day)) return false;
+    if (cursor.TakeAnyOf("Tt ") && (!TakeTimeOfDay(cursor, time) || !TakeOffset(cursor, ahead))) return false;
+    if (!cursor.AtEnd()) return false;
+    timeUs = microseconds(day.time_since_epoch() + time - ahead).count();
+    return true;
+}
+
+void AppendIsoTime(std::string& out, long timeUs) {
+    auto const time = date::sys_time<microseconds>(microseconds(timeUs));
+    auto const day = date::floor<date::days>(time);
+    date::year_month_day const named(day);
+    date::hh_mm_ss<microseconds> const clock(time - day);
+    fmt::format_to(std::back_inserter(out), "{:04}-{:02}-{:02}T{:02}:{:02}:{:02}", static_cast<int>(named.year()),
+                   static_cast<unsigned>(named.month()), static_cast<unsigned>(named.day()), clock.hours().count(),
+                   clock.minutes().count(), clock.seconds().count());
+    if (clock.subseconds().count() != 0) fmt::format_to(std::back_inserter(out), ".{:06}", clock.subseconds().count());
+    out += 'Z';
+}
