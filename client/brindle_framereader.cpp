@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr std::size_t READ_BYTES = 256 * 1024;  // room made for each read
+constexpr std::size_t READ_BYTES = 256UL * 1024;  // room made for each read
 // The server's bound holds for all but a single record that is longer, so a frame may be somewhat above it.
 constexpr std::size_t FRAME_BYTES_MAX = 2 * static_cast<std::size_t>(SUTS_MESSAGE_BYTES_MAX);
 

@@ -3,15 +3,16 @@
 #include <signal.h>
 
 #include <CLI/CLI.hpp>
+#include <cstdio>
+#include <exception>
 
 #include "commands.h"
 #include "sutl_assert.h"
 
-int main(int argc, char** argv) {
-    // A reader that leaves shows as a failed write, which is reported.
-    signal(SIGPIPE, SIG_IGN);
-    sutl_AbortOnAllocationFailure();
+namespace {
 
+// Reads the command line and does what it asks for.
+ExitCode Run(int argc, char** argv) {
     CLI::App program(
         "Feeds a running Brindle server with records, receives what it ships, asks it for staged records, and shows "
         "what a run left behind.",
@@ -41,4 +42,19 @@ Examples:
         if (command->IsChosen()) return command->Run();
     }
     return USAGE;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    // A reader that leaves shows as a failed write, which is reported.
+    signal(SIGPIPE, SIG_IGN);
+    sutl_AbortOnAllocationFailure();
+    try {
+        return Run(argc, argv);
+    } catch (std::exception const& error) {
+        // None is expected: this keeps a fault of a library from ending without a word.
+        fprintf(stderr, "brindlectl: internal error: %s\n", error.what());
+        return IO_ERROR;
+    }
 }

@@ -6,7 +6,7 @@
 
 namespace {
 
-constexpr std::size_t READ_BYTES = 64 * 1024;
+constexpr std::size_t READ_BYTES = 64UL * 1024;
 constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
 
 // Whether a read would return at once. A source that cannot be polled is taken as ready.

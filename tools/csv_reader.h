@@ -19,7 +19,7 @@ class CsvReader {
         READ_ERROR  // errno tells why
     };
 
-    static constexpr std::size_t ROW_BYTES_MAX = 64 * 1024 * 1024;  // a longer row is taken for a quote left open
+    static constexpr std::size_t ROW_BYTES_MAX = 64UL * 1024 * 1024;  // a longer row is taken for a quote left open
 
     explicit CsvReader(int descriptor) : descriptor_(descriptor) {}
 

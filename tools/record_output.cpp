@@ -16,8 +16,8 @@
 
 namespace {
 
-constexpr std::size_t WRITE_BYTES = 64 * 1024;  // gathered before a write
-constexpr mode_t FILE_MODE = 0666;              // as far as the user's mask lets
+constexpr std::size_t WRITE_BYTES = 64UL * 1024;  // gathered before a write
+constexpr mode_t FILE_MODE = 0666;                // as far as the user's mask lets
 
 bool IsNumber(suts_FieldType type) { return type != SUTS_STRING64; }
 

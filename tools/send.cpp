@@ -16,15 +16,15 @@
 
 namespace {
 
-constexpr std::size_t BATCH_BYTES = 64 * 1024;  // a frame is sent when it holds this much
+constexpr std::size_t BATCH_BYTES = 64UL * 1024;  // a frame is sent when it holds this much
 constexpr brindle_Connection::Milliseconds FINISH_WAIT = std::chrono::minutes(5);
 constexpr std::size_t SHOWN_BYTES_MAX = 60;  // of a wrong value
 
 constexpr char EXAMPLES[] =
     R"(The first row names the columns. Every field of the schema needs one, in any order; others are passed over.
 Times are ISO 8601 (UTC unless they say otherwise) or microseconds since 1970, and not negative. A float64 may be inf,
--inf, nan, or nan: and 16 hexadecimal digits. The first wrong value ends the sending; the rows before it are sent. Only
-if it stands so early that no frame was sent yet nothing is, and the server can still serve the mended file.
+-inf, nan, or nan: and 16 hexadecimal digits. The first wrong value ends the sending; the rows before it are sent. If
+no frame had left by then (about 64 KB of records), nothing is sent, and the server stays free for the mended file.
 A server serves one producer: when this command ends, so does the server's run, in an orderly way.
 Examples:
   brindlectl send --spec flights.spec --data 127.0.0.1:7101,7102 flights.csv

@@ -76,30 +76,30 @@ TEST(TimeText, WritesWhatItReads) {
 
 TEST(ValueText, ChecksValuesAgainstTheirType) {
     struct {
-        suts_FieldType type;
         std::string_view text;
+        suts_FieldType type;
         bool accepted;
     } const rows[] = {
-        {SUTS_INT32, "2147483647", true},
-        {SUTS_INT32, "-2147483648", true},
-        {SUTS_INT32, "2147483648", false},
-        {SUTS_INT32, "", false},
-        {SUTS_INT32, " 1", false},
-        {SUTS_INT32, "1.0", false},
-        {SUTS_INT32, "0x10", false},
-        {SUTS_INT64, "-9223372036854775808", true},
-        {SUTS_INT64, "9223372036854775808", false},
-        {SUTS_FLOAT64, "1e308", true},
-        {SUTS_FLOAT64, "-.5", true},
-        {SUTS_FLOAT64, "1e309", false},
-        {SUTS_FLOAT64, "1,5", false},
-        {SUTS_FLOAT64, "inf", true},
-        {SUTS_FLOAT64, "nan", true},
-        {SUTS_FLOAT64, "nan:7ff0000000000001", true},
-        {SUTS_FLOAT64, "nan:3ff0000000000000", false},
-        {SUTS_FLOAT64, "nan:7ff", false},
-        {SUTS_STRING64, "", true},
-        {SUTS_STRING64, std::string_view("a\0b", 3), false},
+        {"2147483647", SUTS_INT32, true},
+        {"-2147483648", SUTS_INT32, true},
+        {"2147483648", SUTS_INT32, false},
+        {"", SUTS_INT32, false},
+        {" 1", SUTS_INT32, false},
+        {"1.0", SUTS_INT32, false},
+        {"0x10", SUTS_INT32, false},
+        {"-9223372036854775808", SUTS_INT64, true},
+        {"9223372036854775808", SUTS_INT64, false},
+        {"1e308", SUTS_FLOAT64, true},
+        {"-.5", SUTS_FLOAT64, true},
+        {"1e309", SUTS_FLOAT64, false},
+        {"1,5", SUTS_FLOAT64, false},
+        {"inf", SUTS_FLOAT64, true},
+        {"nan", SUTS_FLOAT64, true},
+        {"nan:7ff0000000000001", SUTS_FLOAT64, true},
+        {"nan:3ff0000000000000", SUTS_FLOAT64, false},
+        {"nan:7ff", SUTS_FLOAT64, false},
+        {"", SUTS_STRING64, true},
+        {std::string_view("a\0b", 3), SUTS_STRING64, false},
     };
     for (auto const& row : rows) {
         brindle_Value value;

@@ -87,14 +87,14 @@ TEST(BlockQueue, BlocksFillDownwardsAndTheEmptiedOneIsUsedAgain) {
 TEST(FreeStore, GivesBackTheLatestBlocksUpToItsBound) {
     for (std::size_t const blockBytes : {1, 8, 24, 256}) {
         sutl_FreeStore store(blockBytes, 2);
-        void* const blocks[] = {store.Take(), store.Take(), store.Take()};
-        for (void* const block : blocks) memset(block, 0x5A, blockBytes);
-        for (void* const block : blocks) store.Give(block);  // the third one is freed
-        EXPECT_EQ(blocks[1], store.Take());
-        EXPECT_EQ(blocks[0], store.Take());
-        void* const fresh = store.Take();
-        EXPECT_TRUE(fresh != blocks[0] && fresh != blocks[1]);
-        for (void* const block : {fresh, blocks[0], blocks[1]}) store.Give(block);
+        for (int round = 0; round < 3; ++round) {
+            void* const blocks[] = {store.Take(), store.Take(), store.Take()};
+            for (void* const block : blocks) memset(block, 0x5A, blockBytes);
+            for (void* const block : blocks) store.Give(block);  // the third one is freed
+            EXPECT_EQ(blocks[1], store.Take());
+            EXPECT_EQ(blocks[0], store.Take());
+            for (int i = 0; i < 2; ++i) store.Give(blocks[i]);
+        }
     }
 }
 

@@ -1,4 +1,3 @@
-#include <fcntl.h>
 #include <netinet/tcp.h>
 
 #include <fstream>
@@ -81,12 +80,17 @@ TEST(TcpSockServer, WhatIsNotOpenIsNotClosed) {
     CaptureStderr();
     EXPECT_FALSE(server.AcceptPair());
     EXPECT_EQ(AcceptText(EBADF), GetCapturedStderr());
-    test::ListenOnFreePorts(server);
+    test::Ports const ports = test::ListenOnFreePorts(server);
     server.ClosePort();
-    auto const [first, second] = test::Pipe();  // takes the numbers that are free again
+    sutl_TCPSockServer successor;
+    CaptureStderr();
+    successor.Listen(ports.first, ports.second);  // on both ports, with the numbers that are free again
     server.ClosePort();
     server.StopListening();
-    EXPECT_TRUE(fcntl(first.Get(), F_GETFD) >= 0 && fcntl(second.Get(), F_GETFD) >= 0);
+    EXPECT_EQ("", GetCapturedStderr());
+    sutl_Descriptor const first = test::ConnectTo(ports.first);
+    sutl_Descriptor const second = test::ConnectTo(ports.second);
+    EXPECT_TRUE(successor.AcceptPair()) << "still listens";
 }
 
 TEST(TcpSockServer, RunningOutOfDescriptorsIsReported) {

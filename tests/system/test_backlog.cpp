@@ -96,10 +96,8 @@ void ExpectEveryRecordOnce(Load const& load) {
     EXPECT_EQ((Texts{"KeyFile", "stray0", "stray1"}), List(directory)) << "strays are left alone, files are not left";
 }
 
-constexpr int SLOW = SANITIZED ? 2 : 1;
-
 TEST(Backlog, OfSmallRecordsComesBackFromTheLog) {
-    ExpectEveryRecordOnce({"20 bytes", "44", 60, Int32, 20, 2000 / SLOW, 5000 / SLOW});
+    ExpectEveryRecordOnce({"20 bytes", "44", 60, Int32, 20, 2000, 5000});
 }
 
 TEST(Backlog, OfRecordsThatEachCloseAFileComesBackFromTheLog) {
@@ -113,7 +111,7 @@ TEST(Backlog, OfMixedSizesComesBackFromTheLog) {
     auto const rest = [](int i) {
         return Int32(i) + Text(std::string(i % 97 == 0 ? 15000 : static_cast<std::size_t>(i % 50), 'm'));
     };
-    ExpectEveryRecordOnce({"mixed", "44s", 120, rest, 45, 2000 / SLOW, 4000 / SLOW});
+    ExpectEveryRecordOnce({"mixed", "44s", 120, rest, 45, 2000, 4000});
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // The writer of the recovery log: its bytes, its files, what ends it.
-#include <list>
+#include <map>
 
 #include "uts_support.h"
 
@@ -7,6 +7,7 @@ namespace {
 
 using test::Directory;
 using test::Host;
+using test::Names;
 using test::Record;
 using namespace std::string_literals;
 
@@ -16,7 +17,7 @@ constexpr char WRITER_CPP[] = "uts_stgrecovery.cpp";
 
 // So many bytes in the log, 13 at least.
 Record RecordOf(std::size_t bytes, long time = 0) {
-    return {time, std::string(1, '\0'), std::string(bytes - 13, static_cast<char>('a' + time % 26)), "", ""};
+    return {time, std::string(1, '\0'), std::string(bytes - 13, static_cast<char>('a' + time % 26))};
 }
 
 std::string Status(suts_StgRecovery& log) {
@@ -29,10 +30,10 @@ TEST(RecoveryWriter, RecordsLieInTheFileByteForByte) {
                                  "\x14\0\0\0twelve bytes"s + longText + Host(3L) + "\0\0\0\0a key of 13.."s;
     Directory const directory;
     suts_StgRecovery log(directory.Path());
-    EXPECT_EQ("F1", directory.Names());
+    EXPECT_EQ(Names({"F1"}), directory.Names());
     EXPECT_EQ(0700U, static_cast<unsigned int>(std::filesystem::status(directory / "F1").permissions()) & 0700U);
-    test::Log(log, {0x1122334455667788, "k\0"s, "\1\0\0\0val\0"s, "", ""});
-    test::Log(log, {-5, "twelve bytes", longText, "", ""});
+    test::Log(log, {0x1122334455667788, "k\0"s, "\1\0\0\0val\0"s});
+    test::Log(log, {-5, "twelve bytes", longText});
     // The last one in pieces.
     long const time = 3;
     int const length = 0;
@@ -48,36 +49,18 @@ TEST(RecoveryWriter, RecordsLieInTheFileByteForByte) {
 
 // Whole blocks count, not bytes; a record is never divided, and the one that closes a file is counted in the next.
 TEST(RecoveryWriter, AFileIsClosedBehindTheRecordThatCompletesTheThirdBlock) {
-    struct {
-        std::size_t recordBytes;
-        std::size_t records;  // in F1
-    } const rows[] = {{100, 123}, {64, 192}, {4096, 3}, {6144, 2}, {13, 946}, {12288, 1}, {12287, 2}, {50000, 1}};
-    for (auto const& row : rows) {
-        SCOPED_TRACE(row.recordBytes);
+    for (auto const& [recordBytes, records] : {std::pair(100UL, 123UL), {64UL, 192UL}, {6144UL, 2UL}, {12287UL, 2UL}}) {
+        SCOPED_TRACE(recordBytes);
         Directory const directory;
         suts_StgRecovery log(directory.Path());
-        std::string bytes;
         suts_StgFileRecord* handle = nullptr;
-        for (std::size_t i = 0; i < row.records; ++i) {
-            Record const record = RecordOf(row.recordBytes, static_cast<long>(i));
-            EXPECT_EQ("F1", directory.Names());
-            handle = test::Log(log, record);
-            bytes += record.InLog();
+        for (std::size_t i = 0; i < records; ++i) {
+            EXPECT_EQ(Names({"F1"}), directory.Names());
+            handle = test::Log(log, RecordOf(recordBytes));
         }
-        std::string const counted = std::to_string(row.records - 1);
-        if (row.records == 1) {
-            // Nothing is counted in F1, so there is nothing to wait for.
-            EXPECT_EQ("F2", directory.Names());
-        } else {
-            EXPECT_EQ("F1 F2", directory.Names());
-            EXPECT_EQ(bytes, test::ReadFile(directory / "F1"));
-        }
-        EXPECT_EQ((row.records == 1 ? "" : " F1 Elements: " + counted + " Committed: 0 \n") +
-                      " F2 Elements: 1 Committed: 0 \n",
-                  Status(log));
+        EXPECT_EQ(records * recordBytes, test::ReadFile(directory / "F1").size());
         log.Mark(handle);
-        EXPECT_EQ((row.records == 1 ? "" : " F1 Elements: " + counted + " Committed: 0 \n") +
-                      " F2 Elements: 1 Committed: 1 \n",
+        EXPECT_EQ(" F1 Elements: " + std::to_string(records - 1) + " Committed: 0 \n F2 Elements: 1 Committed: 1 \n",
                   Status(log));
     }
 }
@@ -85,26 +68,22 @@ TEST(RecoveryWriter, AFileIsClosedBehindTheRecordThatCompletesTheThirdBlock) {
 // What the writer has to do, without blocks, locks and descriptors.
 struct WriterModel {
     struct File {
-        unsigned long number;
         unsigned long elements = 0;
         unsigned long committed = 0;
         bool closed = false;
         std::string bytes = {};
     };
-    std::list<File> files = {{1}};
+    std::map<unsigned long, File> files = {{1, {}}};  // by number
     unsigned long sizeLimit = 10000;
     unsigned long outstanding = 0;
 
     // The number of the file that counts the record.
     unsigned long Append(std::string const& bytes) {
-        File& file = files.back();
-        file.bytes += bytes;
+        auto const& [number, file] = *files.rbegin();
+        files[number].bytes += bytes;
         if (file.bytes.size() / BLOCK_BYTES * BLOCK_BYTES >= sizeLimit) {
-            unsigned long const next = file.number + 1;
-            file.closed = true;
-            if (file.committed == file.elements) {
-                files.pop_back();
-            } else {
+            files[number + 1] = {};
+            if (!Close(number)) {
                 outstanding += file.bytes.size();
                 if (outstanding > 5 * sizeLimit) {
                     sizeLimit *= 10;
@@ -112,153 +91,99 @@ struct WriterModel {
                     sizeLimit /= 10;
                 }
             }
-            files.push_back({next});
         }
-        ++files.back().elements;
-        return files.back().number;
+        ++files.rbegin()->second.elements;
+        return files.rbegin()->first;
     }
     void Mark(unsigned long number) {
-        auto const file = std::find_if(files.begin(), files.end(), [number](auto& f) { return f.number == number; });
-        ++file->committed;
-        if (!file->closed || file->committed != file->elements) return;
-        outstanding -= file->committed;
-        files.erase(file);
+        File const& file = files[number];
+        unsigned long const committed = ++files[number].committed;
+        if (file.closed && Close(number)) outstanding -= committed;
     }
-    void Terminate() {
-        files.back().closed = true;
-        if (files.back().committed == files.back().elements) files.pop_back();
+    // Whether the file is gone.
+    bool Close(unsigned long number) {
+        files[number].closed = true;
+        return files[number].committed == files[number].elements && files.erase(number) > 0;
     }
-    [[nodiscard]] std::string Status() const {
-        std::string text;
-        for (File const& file : files) {
-            text += " F" + std::to_string(file.number) + " Elements: " + std::to_string(file.elements) +
-                    " Committed: " + std::to_string(file.committed) + " \n";
-        }
-        return text;
-    }
-    void ExpectFiles(Directory const& directory) const {
-        test::Texts names;
-        for (File const& file : files) {
-            std::string const name = "F" + std::to_string(file.number);
-            names.push_back(name);
+    void Expect(suts_StgRecovery& log, Directory const& directory) const {
+        std::string status;
+        Names names;
+        for (auto const& [number, file] : files) {
+            status += " F" + std::to_string(number) + " Elements: " + std::to_string(file.elements) +
+                      " Committed: " + std::to_string(file.committed) + " \n";
+            std::string const name = "F" + std::to_string(number);
+            names.insert(name);
             std::size_t const written = file.closed ? file.bytes.size() : file.bytes.size() / BLOCK_BYTES * BLOCK_BYTES;
             EXPECT_TRUE(file.bytes.substr(0, written) == test::ReadFile(directory / name)) << name;
         }
-        std::sort(names.begin(), names.end());
-        std::string joined;
-        for (std::string const& name : names) joined += (joined.empty() ? "" : " ") + name;
-        EXPECT_EQ(joined, directory.Names());
+        EXPECT_EQ(status, Status(log));
+        EXPECT_EQ(names, directory.Names());
     }
 };
 
 TEST(RecoveryWriter, FilesComeAndGoAsInAPlainModel) {
     test::Random random = test::SeededRandom();
     unsigned long sizeLimitMax = 0;
-    for (int run = 0; run < 4; ++run) {
+    for (int run = 0; run < 4 && !HasFailure(); ++run) {
         Directory const directory;
         suts_StgRecovery log(directory.Path());
         WriterModel model;
         std::vector<std::pair<suts_StgFileRecord*, unsigned long>> unmarked;
-        std::size_t const usualBytes = run % 2 == 0 ? 200 : 20;
-        std::size_t const greatestBytes = run < 2 ? 3000 : 30000;
-        for (int phase = 0; phase < 8; ++phase) {
-            // Phases of piling up and of catching up; marks in any order.
-            std::size_t const marksOf4 = phase % 2 == 0 ? test::Below(random, 2) : 3 + test::Below(random, 2);
-            for (int step = 0; step < 400; ++step) {
-                bool const great = test::Below(random, 20) == 0;
-                Record const record = RecordOf(13 + test::Below(random, great ? greatestBytes : usualBytes), step);
-                unsigned long const number = model.Append(record.InLog());
-                unmarked.emplace_back(test::Log(log, record), number);
-                for (int mark = 0; mark < 2; ++mark) {
-                    if (unmarked.empty() || test::Below(random, 4) >= marksOf4) continue;
-                    std::swap(unmarked[test::Below(random, unmarked.size())], unmarked.back());
-                    model.Mark(unmarked.back().second);
-                    log.Mark(unmarked.back().first);
-                    unmarked.pop_back();
-                }
-                sizeLimitMax = std::max(sizeLimitMax, model.sizeLimit);
-                if (step % 40 == 0) { ASSERT_EQ(model.Status(), Status(log)) << "phase " << phase << " step " << step; }
+        auto const markOne = [&] {
+            std::swap(unmarked[test::Below(random, unmarked.size())], unmarked.back());
+            model.Mark(unmarked.back().second);
+            log.Mark(unmarked.back().first);
+            unmarked.pop_back();
+        };
+        for (int step = 0; step < 3200; ++step) {
+            // Phases of piling up and of catching up.
+            bool const pilesUp = step / 400 % 2 == 0;
+            std::size_t const greatestBytes = test::Below(random, 20) > 0 ? 200 : run < 2 ? 3000 : 30000;
+            Record const record = RecordOf(13 + test::Below(random, greatestBytes), step);
+            unsigned long const number = model.Append(record.InLog());
+            unmarked.emplace_back(test::Log(log, record), number);
+            for (int mark = 0; mark < 2; ++mark) {
+                if (!unmarked.empty() && test::Below(random, 8) < (pilesUp ? 1U : 7U)) markOne();
             }
-            model.ExpectFiles(directory);
+            sizeLimitMax = std::max(sizeLimitMax, model.sizeLimit);
+            if (step % 100 == 0) model.Expect(log, directory);
         }
-        bool const markAll = run % 2 == 0;
-        for (auto const& [handle, number] : unmarked) {
-            if (!markAll) continue;
-            model.Mark(number);
-            log.Mark(handle);
-        }
-        model.Terminate();
+        while (run % 2 == 0 && !unmarked.empty()) markOne();
+        model.Close(model.files.rbegin()->first);
         log.Terminate();
-        ASSERT_EQ(model.Status(), Status(log));
-        model.ExpectFiles(directory);
-        if (markAll) { EXPECT_EQ("", directory.Names()); }
+        model.Expect(log, directory);
+        if (unmarked.empty()) { EXPECT_EQ(Names(), directory.Names()); }
     }
     EXPECT_GE(sizeLimitMax, 1000000U) << "the limit was raised twice";
 }
 
-TEST(RecoveryWriter, TerminationRemovesTheLastFileOnceAllInItIsMarked) {
-    for (int records = 0; records < 4; ++records) {
-        for (int marked = 0; marked <= records; ++marked) {
-            Directory const directory;
-            test::WriteFile(directory / "KeyFile", "keys");
-            suts_StgRecovery log(directory.Path());
-            std::string bytes;
-            for (int i = 0; i < records; ++i) {
-                suts_StgFileRecord* const handle = test::Log(log, RecordOf(100, i));
-                bytes += RecordOf(100, i).InLog();
-                if (i < marked) log.Mark(handle);
-            }
-            EXPECT_EQ("F1 KeyFile", directory.Names()) << "an open file stays";
-            log.Terminate();
-            EXPECT_EQ(marked == records ? "KeyFile" : "F1 KeyFile", directory.Names());
-            EXPECT_EQ(marked == records ? "" : bytes, test::ReadFile(directory / "F1"));
-        }
-    }
-}
-
 TEST(RecoveryWriter, RefusesADirectoryThatIsUsedOrIsNone) {
-    std::string const used = test::AssertionText("ERROR, Recovery directory not empty!\n", WRITER_CPP, 68);
-    std::string const illegal = "Illegal name in recovery directory!\n";
     struct {
-        test::Texts names;
-        std::string text;  // empty: accepted
+        test::Texts names;  // each in a directory of its own
+        std::string text;   // empty: accepted
         int signal;
     } const rows[] = {
-        {{}, "", 0},
         {{"KeyFile", ".hidden", ".F1", "F0"}, "", 0},
-        {{"KeyFile", "F3"}, used, SIGINT},
-        {{"F2147483647"}, used, SIGINT},
-        {{"F2147483648"}, illegal, SIGABRT},
-        {{"notes.txt"}, illegal, SIGABRT},
-        {{"F"}, illegal, SIGABRT},
-        {{"F1x"}, illegal, SIGABRT},
-        {{"F-1"}, illegal, SIGABRT},
-        {{"f1"}, illegal, SIGABRT},
-        {{"G7"}, illegal, SIGABRT},
-        {{"KeyFile2"}, illegal, SIGABRT},
+        {{"F1", "F3", "F2147483647"},
+         test::AssertionText("ERROR, Recovery directory not empty!\n", WRITER_CPP, 68),
+         SIGINT},
+        {{"F", "F1x", "F-1", "F2147483648", "f1", "G7", "KeyFile2", "notes.txt"},
+         "Illegal name in recovery directory!\n",
+         SIGABRT},
     };
+    auto const open = [](char const* path) { return suts_StgRecovery(path), 0; };
     for (auto const& row : rows) {
-        Directory const directory;
-        for (std::string const& name : row.names) test::WriteFile(directory / name, "");
-        std::string const before = directory.Names();
-        SCOPED_TRACE(before);
-        test::ChildEnd const end = test::RunInChild([&directory] {
-            suts_StgRecovery const log(directory.Path());
-            return 0;
-        });
-        if (row.text.empty()) {
-            EXPECT_EQ(0, end.status) << end.standardError;
-            EXPECT_TRUE(std::filesystem::exists(directory / "F1"));
-        } else {
-            test::ExpectKilled(end, row.signal, row.text);
-            EXPECT_EQ(before, directory.Names());
+        for (std::string const& name : row.names) {
+            SCOPED_TRACE(name);
+            Directory const directory;
+            test::WriteFile(directory / name, "");
+            test::ChildEnd const end = test::RunInChild([&] { return open(directory.Path()); });
+            if (!row.text.empty()) test::ExpectKilled(end, row.signal, row.text);
+            EXPECT_EQ(row.text.empty() ? Names({name, "F1"}) : Names({name}), directory.Names());
         }
     }
-    test::ChildEnd const missing = test::RunInChild([] {
-        suts_StgRecovery const log("/nonexistent/directory");
-        return 0;
-    });
-    test::ExpectKilled(missing, SIGABRT, test::ErrorText("Recovery directory open failed: ", ENOENT));
+    test::ExpectKilled(test::RunInChild([&] { return open("/nonexistent"); }), SIGABRT,
+                       test::ErrorText("Recovery directory open failed: ", ENOENT));
 }
 
 TEST(RecoveryWriter, AFileInTheWayEndsTheProcess) {
@@ -266,8 +191,7 @@ TEST(RecoveryWriter, AFileInTheWayEndsTheProcess) {
     test::ChildEnd const end = test::RunInChild([&directory] {
         suts_StgRecovery log(directory.Path());
         test::WriteFile(directory / "F2", "");
-        for (int i = 0; i < 4; ++i) test::Log(log, RecordOf(4096));
-        return 0;
+        return test::Log(log, RecordOf(12288)), 0;
     });
     test::ExpectKilled(end, SIGABRT,
                        "ERROR: File " + directory / "F2" + " could not be created: " + test::ErrorText("\n ", EEXIST));
@@ -281,7 +205,6 @@ TEST(RecoveryWriter, AFailedWriteEndsTheProcess) {
         std::string text;
     } const rows[] = {
         {"block", 5000, 13, test::AssertionText("ERROR, Write incomplete!\n", WRITER_H, 98)},
-        {"block, nothing fits", 0, 13, test::AssertionText("ERROR, Write incomplete!\n", WRITER_H, 98)},
         {"rest at the close", 12300, 13, test::AssertionText("ERROR, Closing write incomplete!\n", WRITER_H, 105)},
         {"rest at the end", 11000, 12, test::AssertionText("ERROR: Flush write incomplete!\n", WRITER_CPP, 209)},
     };
@@ -305,14 +228,14 @@ TEST(RecoveryWriter, ARemovalThatFailsIsReportedAndHasNoOtherConsequence) {
     Directory const directory;
     suts_StgRecovery log(directory.Path());
     suts_StgFileRecord* const handles[] = {test::Log(log, RecordOf(6144)), test::Log(log, RecordOf(6144))};
-    EXPECT_EQ("F1 F2", directory.Names());
+    EXPECT_EQ(Names({"F1", "F2"}), directory.Names());
     std::filesystem::remove(directory / "F1");
     log.NoteTaken(2);
     EXPECT_EQ(test::ErrorText("File removal failed!\n", ENOENT), test::StandardErrorOf([&] { log.Mark(handles[0]); }));
     EXPECT_EQ(" F2 Elements: 1 Committed: 0 \n", Status(log));
     log.Mark(handles[1]);
     log.Terminate();
-    EXPECT_EQ("", directory.Names());
+    EXPECT_EQ(Names(), directory.Names());
 }
 
 }  // namespace

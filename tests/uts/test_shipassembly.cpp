@@ -33,12 +33,8 @@ struct Shipping {
         batch.upperTimeBound = upperTimeBound;
         batch.messages.Begin(SUTS_SHIP_RECORDS);
         for (std::size_t i = 0; i < keys.size(); ++i) {
-            sutl_RawBytefield stored = test::Field(keys[i]);
-            {
-                sutl_ReadLock const lock(sets[i].lock);
-                suts_ShipThrdAssembly(batch, stored, sets[i]);
-            }
-            stored.Clear();
+            sutl_ReadLock const lock(sets[i].lock);
+            suts_ShipThrdAssembly(batch, test::OwnedField(keys[i]), sets[i]);
         }
         return Messages(batch.messages);
     }
@@ -61,7 +57,6 @@ struct Shipping {
 
 TEST(ShipAssembly, ABlockByteForByte) {
     std::string const head = "\0\0\0\2"s;
-    std::string const noRecords = "\0\0\0\0\0\0\0\0"s;
     struct {
         char const* name;
         Types types;
@@ -72,15 +67,14 @@ TEST(ShipAssembly, ABlockByteForByte) {
         {"all types",
          {SUTS_STRING64, SUTS_INT32, SUTS_STRING64, SUTS_FLOAT64, SUTS_INT64},
          "k\0"s,
-         {{0x0102030405060708, "", "\xfe\xff\xff\xff\0"s + test::Host(1.0) + test::Host(7L), "", ""}},
+         {{0x0102030405060708, "", "\xfe\xff\xff\xff\0"s + test::Host(1.0) + test::Host(7L)}},
          head + "\0\0\0\2k\0"s + "\0\0\0\0\0\0\0\1"s + "\1\2\3\4\5\6\7\x08"s + "\xff\xff\xff\xfe"s + "\0\0\0\1\0"s +
              "\x3f\xf0\0\0\0\0\0\0"s + "\0\0\0\0\0\0\0\7"s},
-        {"empty key, no record", {SUTS_STRING64, SUTS_INT32}, "\0"s, {}, head + "\0\0\0\1\0"s + noRecords},
-        {"float64 key, no record", {SUTS_FLOAT64}, test::Host(-1.0), {}, head + "\xbf\xf0\0\0\0\0\0\0"s + noRecords},
+        {"empty key, no record", {SUTS_STRING64, SUTS_INT32}, "\0"s, {}, head + "\0\0\0\1\0"s + "\0\0\0\0\0\0\0\0"s},
         {"one field",
          {SUTS_INT32},
          "\1\2\3\4"s,
-         {{258, "", "", "", ""}, {1, "", "", "", ""}},
+         {{258, "", ""}, {1, "", ""}},
          head + "\4\3\2\1"s + "\0\0\0\0\0\0\0\2"s + "\0\0\0\0\0\0\0\1"s + "\0\0\0\0\0\0\1\2"s},
     };
     for (auto const& row : rows) {
@@ -105,12 +99,14 @@ Step Ship(unsigned long bucket, unsigned long bound, std::vector<int> shipped) {
 }
 
 TEST(ShipAssembly, ShipsWhatIsDueOnceAndMarksIt) {
+    test::Random random = test::SeededRandom();
+    Types const types = {SUTS_STRING64, SUTS_INT64, SUTS_FLOAT64};
     struct {
         char const* name;
         std::vector<Step> steps;
     } const rows[] = {
         {"the five newest buckets",
-         {Place(3, 30), Place(4, 40), Place(5, 50), Place(6, 60), Place(7, 70), Ship(7, 100, {0, 1, 2, 3, 4})}},
+         {Place(3, 3), Place(4, 4), Place(5, 5), Place(6, 6), Place(7, 7), Ship(7, 100, {0, 1, 2, 3, 4})}},
         {"nothing of the ring below bucket 5",
          {Place(4, 10), Ship(0, 100, {}), Ship(3, 100, {}), Ship(4, 100, {}), Ship(5, 100, {0})}},
         {"retired contents at every bucket",
@@ -132,15 +128,14 @@ TEST(ShipAssembly, ShipsWhatIsDueOnceAndMarksIt) {
     };
     for (auto const& row : rows) {
         SCOPED_TRACE(row.name);
-        Shipping shipping({SUTS_STRING64, SUTS_INT32, SUTS_STRING64}, 1);
+        Shipping shipping(types, 1);
         std::vector<Record> placed;
         std::size_t marked = 0;
         for (Step const& step : row.steps) {
             if (step.action == Step::PLACE) {
-                auto const number = static_cast<int>(placed.size());
-                std::string const text = "a value on the heap\0"s;
-                placed.push_back({static_cast<long>(step.timeUs), "key\0"s, test::Host(number) + text, "",
-                                  Net(number) + Net(20) + text});
+                placed.push_back(test::RandomRecord(random, types));
+                placed.back().time = static_cast<long>(step.timeUs);
+                placed.back().key = "key\0"s;
                 shipping.Place(0, step.bucket, placed.back());
             } else if (step.action == Step::RECYCLE) {
                 shipping.Recycle(0, step.bucket);
@@ -193,99 +188,78 @@ struct KeyModel {
     }
 };
 
-// Takes the fields from first to last, exclusive, off the text; their bytes.
-std::string TakeFields(std::string_view& text, Types const& types, std::size_t first, std::size_t last) {
-    std::size_t bytes = 0;
-    for (std::size_t i = first; i < last; ++i) {
-        if (types[i] == SUTS_STRING64) {
-            auto const byteAt = [&](std::size_t at) { return static_cast<unsigned char>(text.at(bytes + at)); };
-            bytes += 4UL + byteAt(0) * 0x1000000UL + byteAt(1) * 0x10000UL + byteAt(2) * 0x100UL + byteAt(3);
-        } else {
-            bytes += types[i] == SUTS_INT32 ? 4 : 8;
-        }
-    }
-    std::string const fields(text.substr(0, bytes));
-    text.remove_prefix(bytes);
-    return fields;
+// Takes what has to stand at the text's start off it.
+bool Eat(std::string_view& text, std::string const& expected) {
+    if (!text.starts_with(expected)) return false;
+    text.remove_prefix(expected.size());
+    return true;
 }
 
 struct Block {
-    std::string key;
+    std::string key;  // encoded, as the records
     Texts records;
-    bool operator==(Block const&) const = default;
 };
 
-// Blocks of one key in a row are joined, as a consumer has to. No message may be longer than it must be, and none
-// shorter than it need be: a key goes on in the next one only when its next record did not fit.
-std::vector<Block> Join(Texts const& messages, Types const& types, std::size_t bytesMax) {
-    std::vector<Block> joined;
-    std::size_t formerBytes = bytesMax;
+// The messages hold these blocks, cut where they must be and nowhere else.
+void ExpectBlocks(Texts const& messages, std::vector<Block> const& blocks, std::size_t bytesMax) {
+    std::size_t key = 0;
+    std::size_t record = 0;
     for (std::string const& message : messages) {
         std::string_view text = message;
-        EXPECT_EQ("\0\0\0\2"s, text.substr(0, 4));
-        text.remove_prefix(4);
-        std::size_t blocks = 0;
-        std::size_t records = 0;
-        for (; !text.empty(); ++blocks) {
-            Block block = {TakeFields(text, types, 0, 1), {}};
-            std::string_view const count = text.substr(0, 8);
-            text.remove_prefix(8);
-            while (Net(block.records.size()) != count) {
-                std::string const time(text.substr(0, 8));
-                text.remove_prefix(8);
-                block.records.push_back(time + TakeFields(text, types, 1, types.size()));
-            }
-            records += block.records.size();
-            if (blocks == 0 && !joined.empty() && joined.back().key == block.key) {
-                EXPECT_FALSE(block.records.empty());
-                EXPECT_FALSE(joined.back().records.empty());
-                EXPECT_GT(formerBytes + block.records[0].size(), bytesMax);
-                joined.back().records.insert(joined.back().records.end(), block.records.begin(), block.records.end());
+        ASSERT_TRUE(Eat(text, "\0\0\0\2"s));
+        std::size_t blocksHere = 0;
+        std::size_t recordsHere = 0;
+        for (; !text.empty(); ++blocksHere) {
+            ASSERT_TRUE(key < blocks.size() && Eat(text, blocks[key].key));
+            Texts const& records = blocks[key].records;
+            std::size_t count = 0;
+            while (count <= records.size() - record && !Eat(text, Net(count))) ++count;
+            ASSERT_LE(count, records.size() - record);
+            recordsHere += count;
+            for (; count > 0; --count) ASSERT_TRUE(Eat(text, records[record++]));
+            if (record < records.size()) {
+                EXPECT_TRUE(text.empty() && recordsHere > 0);
+                EXPECT_GT(message.size() + records[record].size(), bytesMax) << "the next record would have fitted";
             } else {
-                joined.push_back(std::move(block));
+                ++key;
+                record = 0;
             }
         }
-        EXPECT_GT(blocks, 0U);
-        if (blocks > 1 || records > 1) { EXPECT_LE(message.size(), bytesMax); }
-        formerBytes = message.size();
+        EXPECT_GT(blocksHere, 0U);
+        if (blocksHere > 1 || recordsHere > 1) { EXPECT_LE(message.size(), bytesMax); }
     }
-    return joined;
+    EXPECT_EQ(blocks.size(), key);
 }
 
 TEST(ShipAssembly, MessagesHoldWhatAPlainModelShips) {
     test::Random random = test::SeededRandom();
     long const limits[] = {64, 100, 256, 1024, 4096, SUTS_MESSAGE_BYTES_MAX};
-    for (int run = 0; run < 120; ++run) {
+    for (int run = 0; run < 120 && !HasFailure(); ++run) {
         Types const types = test::RandomTypes(random);
         long const bytesMax = limits[test::Below(random, std::size(limits))];
         Texts keys;
-        Texts wireKeys;
-        // Distinct, so that joined blocks can be told apart.
-        for (char const last : {'a', 'b', 'c', 'd'}) {
-            std::string key = test::RandomStored(random, types[0]);
-            key[0] = types[0] == SUTS_STRING64 && key.size() == 1 ? '\0' : last;
-            if (std::find(keys.begin(), keys.end(), key) != keys.end()) continue;
-            keys.push_back(key);
-            wireKeys.push_back(test::Wire(types[0], key));
-        }
+        for (int i = 0; i < 4; ++i) keys.push_back(test::RandomStored(random, types[0]));
         Shipping shipping(types, keys.size(), bytesMax);
         std::vector<KeyModel> models(keys.size());
-        unsigned long current = 4;
-        auto const ship = [&](unsigned long bucketNumber, long bound) {
-            std::vector<Block> expected;
-            std::string whole = "\0\0\0\2"s;
+        auto const recycle = [&](unsigned long slot) {
             for (std::size_t i = 0; i < keys.size(); ++i) {
-                expected.push_back({wireKeys[i], models[i].Ship(bucketNumber, bound)});
-                whole += wireKeys[i] + Net(expected.back().records.size());
-                for (std::string const& record : expected.back().records) whole += record;
-            }
-            Texts const messages = shipping.Ship(bucketNumber, static_cast<unsigned long>(bound), keys);
-            if (static_cast<long>(whole.size()) <= bytesMax) {
-                EXPECT_EQ(Texts({whole}), messages);
-            } else {
-                EXPECT_EQ(expected, Join(messages, types, static_cast<std::size_t>(bytesMax)));
+                shipping.Recycle(i, slot);
+                models[i].Recycle(slot);
             }
         };
+        auto const ship = [&](unsigned long bucketNumber, long bound) {
+            std::vector<Block> blocks;
+            std::string whole = "\0\0\0\2"s;
+            for (std::size_t i = 0; i < keys.size(); ++i) {
+                blocks.push_back({test::Wire(types[0], keys[i]), models[i].Ship(bucketNumber, bound)});
+                whole += blocks.back().key + Net(blocks.back().records.size());
+                for (std::string const& record : blocks.back().records) whole += record;
+            }
+            Texts const messages = shipping.Ship(bucketNumber, static_cast<unsigned long>(bound), keys);
+            if (static_cast<long>(whole.size()) <= bytesMax) { EXPECT_EQ(Texts({whole}), messages); }
+            ExpectBlocks(messages, blocks, static_cast<std::size_t>(bytesMax));
+        };
+        unsigned long current = 4;
         for (int step = 0; step < 300; ++step) {
             std::size_t const action = test::Below(random, 20);
             if (action > 1) {
@@ -296,62 +270,47 @@ TEST(ShipAssembly, MessagesHoldWhatAPlainModelShips) {
                 shipping.Place(key, bucket, record);
                 models[key].buckets[bucket % BUCKETS].push_back(record);
             } else if (action == 1) {
-                unsigned long const next = current + 1 + test::Below(random, 3);
-                for (unsigned long bucket = current - 4; bucket < next - 4; ++bucket) {
-                    for (std::size_t key = 0; key < keys.size(); ++key) {
-                        shipping.Recycle(key, bucket);
-                        models[key].Recycle(bucket % BUCKETS);
-                    }
+                for (std::size_t opened = 1 + test::Below(random, 3); opened > 0; --opened) {
+                    ++current;
+                    recycle(current % BUCKETS);
                 }
-                current = next;
             } else {
                 ship(current - 1, static_cast<long>(current * 10 + 5 - test::Below(random, 20)));
             }
         }
-        // Everything that is left; then everything was marked, and once.
-        for (unsigned long slot = 0; slot < BUCKETS; ++slot) {
-            for (std::size_t key = 0; key < keys.size(); ++key) {
-                if (slot % 2 == 0) continue;
-                shipping.Recycle(key, slot);
-                models[key].Recycle(slot);
-            }
-        }
-        ship(current + 5, INT64_MAX);
-        ship(current + 5, INT64_MAX);
+        // Everything that is left, live or retired; then all was marked, and once.
+        recycle(1);
+        recycle(3);
+        ship(current + BUCKETS, INT64_MAX);
+        ship(current + BUCKETS, INT64_MAX);
         shipping.log.Terminate();
-        EXPECT_EQ("", shipping.directory.Names());
-        if (HasFailure()) return;
+        EXPECT_EQ(test::Names(), shipping.directory.Names());
     }
 }
 
 TEST(ShipAssembly, KeysAreAnnouncedInAsManyMessagesAsTheyNeed) {
     test::Random random = test::SeededRandom();
-    for (std::size_t const bytesMax : {std::size_t(64), std::size_t(300), std::size_t(1) << 30}) {
+    test::Schema const schema({SUTS_STRING64, SUTS_STRING64});
+    for (std::size_t const bytesMax : {64UL, 300UL, 1UL << 30}) {
         suts_StgShipMessages messages(static_cast<long>(bytesMax));
-        // Twice, since messages are used again.
-        for (int run = 0; run < 2; ++run) {
-            test::Schema const schema({SUTS_STRING64, SUTS_STRING64});
+        // Several times, since messages are used again.
+        for (std::size_t const count : {0UL, 500UL, 1UL, 500UL}) {
+            Texts keys;
             messages.Begin(SUTS_SHIP_KEYS);
-            EXPECT_EQ(Texts({"\0\0\0\1"s}), Shipping::Messages(messages));
-            messages.Begin(SUTS_SHIP_KEYS);
-            std::string expected;
-            for (int i = 0; i < 500; ++i) {
+            for (std::size_t i = 0; i < count; ++i) {
                 std::string const key = test::RandomStored(random, SUTS_STRING64);
-                sutl_RawBytefield stored = test::Field(key);
-                suts_AppendKeyToMessages(messages, stored, schema);
-                stored.Clear();
-                expected += test::Wire(SUTS_STRING64, key);
+                suts_AppendKeyToMessages(messages, test::OwnedField(key), schema);
+                keys.push_back(test::Wire(SUTS_STRING64, key));
             }
-            std::string joined;
+            std::size_t next = 0;
             for (std::string const& message : Shipping::Messages(messages)) {
-                EXPECT_EQ("\0\0\0\1"s, message.substr(0, 4));
-                std::string_view keys = std::string_view(message).substr(4);
-                joined += keys;
-                // One key alone may be longer than a message.
-                TakeFields(keys, {SUTS_STRING64}, 0, 1);
-                if (!keys.empty()) { EXPECT_LE(message.size(), bytesMax); }
+                std::string_view text = message;
+                ASSERT_TRUE(Eat(text, "\0\0\0\1"s));
+                std::size_t const first = next;
+                while (!text.empty()) ASSERT_TRUE(next < count && Eat(text, keys[next++]));
+                if (next > first + 1) { EXPECT_LE(message.size(), bytesMax); }
             }
-            EXPECT_TRUE(expected == joined);
+            EXPECT_EQ(count, next);
         }
     }
 }

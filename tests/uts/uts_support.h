@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <map>
+#include <set>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -20,6 +20,7 @@ namespace test {
 
 using Types = std::vector<suts_FieldType>;
 using Texts = std::vector<std::string>;
+using Names = std::set<std::string>;
 
 // A schema of these types with the field names f0, f1, ...
 struct Schema : suts_tsspec {
@@ -66,6 +67,14 @@ inline sutl_RawBytefield Field(std::string_view bytes) {
     field.Assign(bytes.data(), static_cast<int>(bytes.size()));
     return field;
 }
+
+// Frees its array itself.
+struct OwnedField : sutl_RawBytefield {
+    explicit OwnedField(std::string_view bytes) : sutl_RawBytefield(Field(bytes)) {}
+    OwnedField(OwnedField const&) = delete;
+    OwnedField& operator=(OwnedField const&) = delete;
+    ~OwnedField() { Clear(); }
+};
 
 inline std::string BytesOf(sutl_RawBytefield const& field) {
     return std::string(reinterpret_cast<char const*>(field.Data()), static_cast<std::size_t>(field.length));
@@ -115,10 +124,10 @@ inline std::string Wire(suts_FieldType type, std::string const& stored) {
 
 struct Record {
     long time = 0;
-    std::string key;        // stored form
-    std::string value;      // stored form
-    std::string wireKey;    // the same on a wire
-    std::string wireValue;  // ...
+    std::string key = {};  // stored form, as the value
+    std::string value = {};
+    std::string wireKey = {};  // the same on a wire
+    std::string wireValue = {};
 
     [[nodiscard]] std::string InLog() const { return Host(time) + Host(static_cast<int>(value.size())) + key + value; }
     [[nodiscard]] std::string InFrame() const { return wireKey + Net(time) + wireValue; }
@@ -145,12 +154,8 @@ inline Record RandomRecord(Random& random, Types const& types) {
 
 // Appends a record to the log and counts it, as the stager does for each. Its recovery handle.
 inline suts_StgFileRecord* Log(suts_StgRecovery& log, Record const& record, suts_StgLogPosition* position = nullptr) {
-    sutl_RawBytefield key = Field(record.key);
-    sutl_RawBytefield value = Field(record.value);
-    suts_StgLogPosition const at = log.AppendRecord(record.time, key, value);
+    suts_StgLogPosition const at = log.AppendRecord(record.time, OwnedField(record.key), OwnedField(record.value));
     if (position != nullptr) *position = at;
-    key.Clear();
-    value.Clear();
     return log.CountRecord();
 }
 
@@ -181,14 +186,11 @@ class Directory {
 
     [[nodiscard]] char const* Path() const { return path_.c_str(); }
     [[nodiscard]] std::string operator/(std::string const& name) const { return path_ / name; }
-    // What lies in it, in order, joined by blanks.
-    [[nodiscard]] std::string Names() const {
-        Texts names;
-        for (auto const& entry : std::filesystem::directory_iterator(path_)) names.push_back(entry.path().filename());
-        std::sort(names.begin(), names.end());
-        std::string joined;
-        for (std::string const& name : names) joined += (joined.empty() ? "" : " ") + name;
-        return joined;
+    // What lies in it.
+    [[nodiscard]] test::Names Names() const {
+        test::Names names;
+        for (auto const& entry : std::filesystem::directory_iterator(path_)) names.insert(entry.path().filename());
+        return names;
     }
 
  private:

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
@@ -71,6 +72,7 @@ suts_StgKeyFileReader::Result suts_StgKeyFileReader::TakeText(std::size_t start,
     void const* const nul = bytes > 0 ? memchr(text, 0, bytes) : nullptr;
     std::size_t const length =
         nul != nullptr ? static_cast<std::size_t>(static_cast<unsigned char const*>(nul) - text) : bytes;
+    if (length >= INT32_MAX) return CORRUPT;  // no byte field can hold it
     key.Prep(static_cast<int>(length) + 1);
     if (length > 0) memcpy(key.Data(), text, length);
     key.Data()[length] = 0;

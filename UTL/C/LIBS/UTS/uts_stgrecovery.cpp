@@ -158,6 +158,7 @@ void suts_StgRecovery::CloseFile() {
     ++currentNumber_;
     {
         sutl_MutexLock lock(mutex_);
+        ReviewKept();
         suts_StgFileRecord& file = *currentRecord_;
         file.closed = true;
         file.recordsBefore = recordsAppended_;
@@ -180,6 +181,7 @@ void suts_StgRecovery::CloseFile() {
 void suts_StgRecovery::Mark(void* fileRecord) {
     auto& file = *static_cast<suts_StgFileRecord*>(fileRecord);
     sutl_MutexLock lock(mutex_);
+    ReviewKept();
     ++file.Committed;
     if (file.closed && file.Committed == file.Elements.load(std::memory_order_relaxed)) {
         // A count of records off a sum of bytes: the total tracks the undelivered volume only roughly, and the size
@@ -192,35 +194,43 @@ void suts_StgRecovery::Mark(void* fileRecord) {
 void suts_StgRecovery::Forget(suts_StgFileRecord& file) {
     // Narrowed to an int on the way, as file numbers are everywhere in a directory scan.
     auto const number = static_cast<unsigned long>(static_cast<int>(file.number));
-    bool const removable = KeepForTrail(file);
+    bool const trailNeedsPath = KeepForTrail(file);
     files_.Delete(file.self);
-    if (removable) {
-        DeleteFile(number);
-    } else {
-        perror("File removal failed!\n");
-    }
+    if (!trailNeedsPath) DeleteFile(number);
 }
 
 // The last record of a closed file may still have to be read back although everything counted in the file is shipped.
-// The file is then kept by a descriptor. Only the highest removed number can matter: the last record of a lower file is
-// counted in a file that was removed too, so it was shipped, or in one whose records came before the higher file's.
-// False when the descriptor is needed and cannot be had.
+// The file is then kept by a descriptor. Only the highest removed number can matter: every file from the second on
+// counts at least the last record of the one before, and records are taken in order, so whatever made a higher file
+// removable was taken after the last record of every lower one. True when no descriptor can be had: the file itself
+// must stay then.
 bool suts_StgRecovery::KeepForTrail(suts_StgFileRecord const& file) {
     bool const allTaken = taken_.load(std::memory_order_acquire) >= file.recordsBefore;
-    if (allTaken || file.number < keptNumber_) return true;
-    sutl_Descriptor kept = sutl_OpenFile(PathOf(file.number).c_str(), O_RDONLY);
-    if (!kept.IsOpen()) return false;
-    keptFile_ = std::move(kept);
-    keptNumber_ = file.number;
-    return true;
+    if (allTaken || file.number < kept_.number) return false;
+    LetGoOfKept();
+    kept_ = {sutl_OpenFile(PathOf(file.number).c_str(), O_RDONLY), file.number, file.recordsBefore};
+    return !kept_.descriptor.IsOpen();
+}
+
+void suts_StgRecovery::LetGoOfKept() {
+    if (kept_.number == 0) return;
+    // Without a descriptor it was the file itself that was kept.
+    if (!kept_.descriptor.IsOpen()) DeleteFile(kept_.number);
+    kept_ = {};
+}
+
+void suts_StgRecovery::ReviewKept() {
+    if (kept_.number != 0 && taken_.load(std::memory_order_acquire) >= kept_.recordsBefore) LetGoOfKept();
 }
 
 sutl_Descriptor suts_StgRecovery::OpenForTrail(unsigned long number) {
     sutl_MutexLock lock(mutex_);
-    if (number == keptNumber_ && keptFile_.IsOpen()) {
+    if (number == kept_.number && kept_.descriptor.IsOpen()) {
         // The one reader comes once for a file's rest; a second descriptor would share the offset, so this one is
         // given.
-        return std::move(keptFile_);
+        sutl_Descriptor given = std::move(kept_.descriptor);
+        kept_ = {};
+        return given;
     }
     return sutl_OpenFile(PathOf(number).c_str(), O_RDONLY);
 }
@@ -238,6 +248,7 @@ void suts_StgRecovery::Terminate() SUTL_NO_THREAD_SAFETY_ANALYSIS {
         sutl_AssertFailed(SITE_FLUSH, "ERROR: Flush write incomplete!\n");
     }
     fillBytes_ = 0;
+    LetGoOfKept();  // everything was taken
     suts_StgFileRecord& file = *currentRecord_;
     file.closed = true;
     currentFile_.Close();
@@ -342,28 +353,29 @@ int suts_StgRecoveryPlayback::AsyncRead(int& number, char const* /*directory*/, 
     return got;
 }
 
-suts_StgRecoveryPlayback::Piece suts_StgRecoveryPlayback::ReadString() {
+suts_StgRecoveryPlayback::Piece suts_StgRecoveryPlayback::ReadString(long end) {
     bool any = false;
     for (;;) {
         if (readPosition_ == fillBytes_ && !Refill(SITE_READ_STRING)) return any ? CUT : NOTHING;
         unsigned char const* const from = block_ + readPosition_;
         unsigned int const there = fillBytes_ - readPosition_;
-        auto const* const end = static_cast<unsigned char const*>(memchr(from, 0, there));
-        auto const piece = end != nullptr ? static_cast<unsigned int>(end - from) + 1 : there;
-        // A text that no byte field can hold was never written: the log is damaged.
-        if (record_.Size() > INT32_MAX - static_cast<int>(piece)) return CUT;
+        auto const* const nul = static_cast<unsigned char const*>(memchr(from, 0, there));
+        auto const piece = nul != nullptr ? static_cast<unsigned int>(nul - from) + 1 : there;
+        // Beyond its record's end the text was never written: the log is damaged.
+        if (piece > end - record_.Size()) return CUT;
         record_.Append(from, static_cast<int>(piece));
         readPosition_ += piece;
-        if (end != nullptr) return WHOLE;
+        if (nul != nullptr) return WHOLE;
         any = true;
     }
 }
 
-suts_StgRecoveryPlayback::Piece suts_StgRecoveryPlayback::ReadField(int index) {
+// end: where in the scratch the record ends at the latest.
+suts_StgRecoveryPlayback::Piece suts_StgRecoveryPlayback::ReadField(int index, long end) {
     int bytes = 0;
     switch (spec_.Type(index)) {
         case SUTS_STRING64:
-            return ReadString();
+            return ReadString(end);
         case SUTS_INT32:
             bytes = SUTS_INT32_BYTES;
             break;
@@ -372,10 +384,12 @@ suts_StgRecoveryPlayback::Piece suts_StgRecoveryPlayback::ReadField(int index) {
             bytes = SUTS_NUMBER8_BYTES;
             break;
     }
-    if (record_.Size() > INT32_MAX - bytes) return CUT;
-    int const got = ReadBytes(record_.Grow(bytes), bytes);
-    if (got == bytes) return WHOLE;
-    return got == 0 ? NOTHING : CUT;
+    unsigned char number[SUTS_NUMBER8_BYTES];
+    int const got = ReadBytes(number, bytes);
+    if (got == 0 && bytes > 0) return NOTHING;
+    if (got < bytes || bytes > end - record_.Size()) return CUT;
+    record_.Append(number, bytes);
+    return WHOLE;
 }
 
 unsigned int suts_StgRecoveryPlayback::End(Piece piece) {
@@ -399,10 +413,11 @@ unsigned int suts_StgRecoveryPlayback::QNext(suts_StgEntry& entry) {
     record_.Reset();
     int keyBytes = 0;
     for (int i = 0; i < spec_.fieldCount; ++i) {
-        Piece const piece = ReadField(i);
+        // The key's length is not told; the other fields may take what the head says.
+        Piece const piece =
+            ReadField(i, i == 0 ? INT32_MAX : std::min<long>(INT32_MAX, static_cast<long>(keyBytes) + valueBytesMax));
         if (piece != WHOLE) return End(piece);
         if (i == 0) keyBytes = record_.Size();
-        if (record_.Size() - keyBytes > valueBytesMax) return End(CUT);
     }
     entry.key.Assign(record_.Data(), keyBytes);
     entry.value.Assign(record_.Data() + keyBytes, record_.Size() - keyBytes);

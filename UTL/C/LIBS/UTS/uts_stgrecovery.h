@@ -114,14 +114,22 @@ class suts_StgRecovery {
     void CloseFile() SUTL_EXCLUDES(mutex_);
     void Forget(suts_StgFileRecord& file) SUTL_REQUIRES(mutex_);  // drops the record of a file, and the file
     [[nodiscard]] bool KeepForTrail(suts_StgFileRecord const& file) SUTL_REQUIRES(mutex_);
+    void LetGoOfKept() SUTL_REQUIRES(mutex_);
+    void ReviewKept() SUTL_REQUIRES(mutex_);  // lets go of the kept file once its records are taken
+
+    // A removed file that the trail has yet to read the last record of.
+    struct KeptFile {
+        sutl_Descriptor descriptor;       // none: the file could not be opened, and waits on disk for its removal
+        unsigned long number = 0;         // 0: nothing is kept
+        unsigned long recordsBefore = 0;  // as in the file's record
+    };
 
     std::string const directory_;
     sutl_Mutex mutex_;
     sutl_LIST<suts_StgFileRecord> files_ SUTL_GUARDED_BY(mutex_);  // files not removed yet, oldest first
     unsigned long outstandingBytes_ SUTL_GUARDED_BY(mutex_) = 0;   // governs the size limit; only roughly a volume
-    sutl_Descriptor keptFile_ SUTL_GUARDED_BY(mutex_);             // a removed file that the trail has yet to read
-    unsigned long keptNumber_ SUTL_GUARDED_BY(mutex_) = 0;         // its number
-    std::atomic<unsigned long> taken_{0};                          // records the trail is done with; written by TOrg
+    KeptFile kept_ SUTL_GUARDED_BY(mutex_);
+    std::atomic<unsigned long> taken_{0};  // records the trail is done with; written by TOrg
 
     // Owned by the feeding thread.
     suts_StgFileRecord* currentRecord_ = nullptr;  // of the file open for writing
@@ -177,8 +185,8 @@ class suts_StgRecoveryPlayback {
     [[nodiscard]] bool Refill(sutl_AssertSite const& site);  // false at the end of the stream
     [[nodiscard]] bool OpenNextFile();
     [[nodiscard]] int ReadBytes(unsigned char* to, int length);
-    [[nodiscard]] Piece ReadField(int index);
-    [[nodiscard]] Piece ReadString();
+    [[nodiscard]] Piece ReadField(int index, long end);
+    [[nodiscard]] Piece ReadString(long end);
     unsigned int End(Piece piece);
 
     std::string const directory_;  // empty for a trail reader

@@ -29,6 +29,8 @@ void suts_StgROTransfer::DropFromOldestRun() {
 }
 
 void suts_StgROTransfer::Put(QEntry const& entry, suts_StgLogPosition const& position) {
+    // A handle's address may come again for another file. Then everything counted in the former file was taken, its run
+    // will only ever be dropped, and it does no harm that the new file's records lengthen it.
     if (runs_.size > 0 && runs_.Newest().file == entry.file) {
         ++runs_.Newest().count;
     } else {
