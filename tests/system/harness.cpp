@@ -80,7 +80,7 @@ void WaitUntil(std::string const& what, Condition const& condition) {
     for (std::string seen;;) {
         bool const late = std::chrono::steady_clock::now() > end;
         if (condition(seen)) return;
-        if (late) throw Failure("waited in vain for " + what + "; last seen: " + seen);
+        if (late) throw Failure(std::string("waited in vain for ").append(what).append("; last seen: ").append(seen));
         poll(nullptr, 0, 1);
     }
 }

@@ -45,7 +45,7 @@ TEST(BrokenFrames, EndTheConversationAndKeepWhatCameBefore) {
         session.Start();
         session.Send(Sample(2));
         session.producer().Send(row.bytes);
-        EXPECT_LT(session.server().PeakKb(), SANITIZED ? LONG_MAX : 32 * 1024);
+        EXPECT_LT(session.server().PeakKb(), SANITIZED ? LONG_MAX : 32L * 1024);
         if (row.stays) { EXPECT_EQ("exit 0", session.server().WaitEnd()); }
         session.FinishAndCheck(Sample(2));
         EXPECT_EQ(row.line, session.server().OtherLines());
@@ -82,7 +82,7 @@ TEST(MalformedRecords, EndTheConversationAndKeepTheRecordsBefore) {
 
 // Texts are normalised when they are received: they end at their first NUL, and get one when they have none.
 TEST(StringFields, EndAtTheirFirstNul) {
-    using std::string_literals::operator""s;
+    using namespace std::string_literals;
     std::string const longer(5000, 'x');
     Texts const sent{"", "\0"s, "\0abc"s, "abc", "twelve chars", longer, "ab\0cd\0"s, "abcdefghijklmn\0cd"s};
     Texts const meant{"", "", "", "abc", "twelve chars", longer, "ab", "abcdefghijklmn"};

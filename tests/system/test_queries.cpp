@@ -10,7 +10,7 @@
 namespace systest {
 namespace {
 
-using std::string_literals::operator""s;
+using namespace std::string_literals;
 
 // Two records of one key, and the way a query finds them.
 Records const TWO{{Text("key"), At(9), Int32(1) + Text("one")}, {Text("key"), At(9, 5), Int32(2) + Text("two")}};

@@ -166,7 +166,8 @@ TEST(HandOffs, KeepEveryRecordOfARandomRun) {
             int const kind = pick(100);
             if (kind < 30) now += pick(300000);
             if (kind == 30) now += At(pick(40));
-            std::int64_t const time = kind < 80 ? now : std::max<std::int64_t>(0, now - pick(1500) * 1000);
+            std::int64_t const time =
+                kind < 80 ? now : std::max<std::int64_t>(0, now - pick(1500) * std::int64_t{1000});
             std::string const text(static_cast<std::size_t>(pick(30)), 'v');
             frame.push_back({Int32(pick(50)), time, Int32(static_cast<int>(sent.size()) + i) + Text(text)});
         }

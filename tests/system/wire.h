@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -36,7 +37,10 @@ struct Record {
     std::int64_t time = 0;  // microseconds
     std::string rest;       // fields 1 and up
 
-    auto operator<=>(Record const&) const = default;
+    bool operator==(Record const&) const = default;
+    bool operator<(Record const& other) const {
+        return std::tie(key, time, rest) < std::tie(other.key, other.time, other.rest);
+    }
 };
 using Records = std::vector<Record>;
 std::string Show(Record const& record);
