@@ -127,8 +127,14 @@ brindle_Result brindle_Connection::Open(brindle_Address const& address, Millisec
     return BRINDLE_TIMED_OUT;
 }
 
+// The server never writes to the first connection: that it can be read means that it has ended.
+bool brindle_Connection::ServerLeft(Milliseconds wait) const {
+    return WaitFor(first_.Get(), POLLIN, Clock::now() + wait) == BRINDLE_DONE;
+}
+
 brindle_Result brindle_Connection::Send(brindle_Message& message) {
     if (message.BodyBytes() == 0 || message.BodyBytes() > INT_MAX) return BRINDLE_MALFORMED;
+    if (ServerLeft(Milliseconds(0))) return BRINDLE_STREAM_ENDED;
     std::span<unsigned char const> left = message.Frame();
     while (!left.empty()) {
         // The mark at the end makes the system begin a new segment with the next header, so that none is ever cut.
@@ -153,6 +159,10 @@ brindle_Result brindle_Connection::Receive(std::span<unsigned char const>& body,
 }
 
 brindle_Result brindle_Connection::Finish(Milliseconds wait) {
+    if (ServerLeft(REFUSAL_WAIT)) {
+        Close();
+        return BRINDLE_STREAM_ENDED;
+    }
     Clock::time_point const deadline = Clock::now() + wait;
     brindle_Result result = shutdown(first_.Get(), SHUT_WR) == 0 ? BRINDLE_DONE : BRINDLE_SYSTEM_ERROR;
     char ignored[64];

@@ -39,8 +39,8 @@ class brindle_Connection {
     [[nodiscard]] bool IsOpen() const { return second_.IsOpen(); }
 
     // Sends the message as one frame. Blocks until the system has taken it; TIMED_OUT when the server takes nothing for
-    // SEND_STALL_MAX. MALFORMED, and nothing is sent, for an empty message, which would order the server to abort, and
-    // for one of 2^31 bytes and more.
+    // SEND_STALL_MAX, STREAM_ENDED when it has closed the conversation already. MALFORMED, and nothing is sent, for an
+    // empty message, which would order the server to abort, and for one of 2^31 bytes and more.
     brindle_Result Send(brindle_Message& message);
 
     // Receives the next frame of the second connection; the body is valid until the next call. Blocks, TIMED_OUT after
@@ -48,15 +48,19 @@ class brindle_Connection {
     brindle_Result Receive(std::span<unsigned char const>& body, Milliseconds wait);
 
     // The orderly end: says that nothing more comes, and waits until the server, having read everything, has closed the
-    // first connection. Then closes both. TIMED_OUT after the wait; SYSTEM_ERROR when the server left with bytes
-    // unread.
+    // first connection. Then closes both. STREAM_ENDED when the server was the first to close: a server that has died,
+    // or has refused the last frame, does so within REFUSAL_WAIT, which is listened for. TIMED_OUT after the wait;
+    // SYSTEM_ERROR when the server left with bytes unread. Nothing tells that the server has kept what it read.
     brindle_Result Finish(Milliseconds wait);
 
     void Close();  // both, at once
 
     static constexpr std::chrono::seconds SEND_STALL_MAX{60};
+    static constexpr Milliseconds REFUSAL_WAIT{150};
 
  private:
+    [[nodiscard]] bool ServerLeft(Milliseconds wait) const;  // it has closed, or closes within the wait
+
     sutl_Descriptor first_;
     sutl_Descriptor second_;
     brindle_FrameReader replies_;  // what came on the second connection

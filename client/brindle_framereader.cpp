@@ -10,8 +10,7 @@
 namespace {
 
 constexpr std::size_t READ_BYTES = 256UL * 1024;  // room made for each read
-// The server's bound holds for all but a single record that is longer, so a frame may be somewhat above it.
-constexpr std::size_t FRAME_BYTES_MAX = 2 * static_cast<std::size_t>(SUTS_MESSAGE_BYTES_MAX);
+constexpr std::size_t FRAME_BYTES_MAX = SUTS_MESSAGE_BYTES_MAX;
 
 }  // namespace
 
@@ -28,6 +27,11 @@ bool brindle_FrameReader::Take(std::span<unsigned char const>& body) {
     body = {bytes_.get() + begin_ + SUTL_FRAME_HEADER_BYTES, declared};
     begin_ += SUTL_FRAME_HEADER_BYTES + declared;
     return true;
+}
+
+std::span<unsigned char const> brindle_FrameReader::Rest() const {
+    if (Held() <= SUTL_FRAME_HEADER_BYTES) return {};
+    return {bytes_.get() + begin_ + SUTL_FRAME_HEADER_BYTES, Held() - SUTL_FRAME_HEADER_BYTES};
 }
 
 void brindle_FrameReader::MakeRoom() {

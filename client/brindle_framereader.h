@@ -14,6 +14,9 @@ class brindle_FrameReader {
     // Takes the next frame, if it has come whole; its body is valid until the next Fill. Never blocks.
     [[nodiscard]] bool Take(std::span<unsigned char const>& body);
 
+    // What has come of the body of a frame that is not whole; empty when there is none. Valid until the next Fill.
+    [[nodiscard]] std::span<unsigned char const> Rest() const;
+
     // One read from the connection; blocks while there is nothing to read. STREAM_ENDED, STREAM_CUT or SYSTEM_ERROR
     // when nothing more comes; MALFORMED when the frame that has begun is longer than the server ever sends.
     brindle_Result Fill(int connection);

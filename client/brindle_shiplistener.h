@@ -21,6 +21,9 @@ class brindle_ShipListener {
     // let in.
     brindle_Result Receive(std::span<unsigned char const>& body, int stopDescriptor);
 
+    // What has come of a message that is not whole, when nothing more comes. Valid until the next Receive.
+    [[nodiscard]] std::span<unsigned char const> Rest() const { return messages_.Rest(); }
+
     [[nodiscard]] bool HasServer() const { return first_.IsOpen(); }  // one has connected, and may have left since
 
  private:

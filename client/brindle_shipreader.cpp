@@ -3,7 +3,8 @@
 brindle_ShipReader::brindle_ShipReader(suts_tsspec const& spec)
     : spec_(spec), values_(static_cast<std::size_t>(spec.fieldCount)) {}
 
-void brindle_ShipReader::Start(std::span<unsigned char const> message) {
+void brindle_ShipReader::Start(std::span<unsigned char const> message, bool cut) {
+    cut_ = cut;
     message_ = brindle_MessageReader(message);
     state_ = AT_START;
     recordsLeft_ = 0;
@@ -58,8 +59,9 @@ brindle_ShipReader::Item brindle_ShipReader::TakeBlock() {
         return MESSAGE_ENDED;
     }
     if (!message_.TakeField(spec_.Type(0), values_[0]) || !message_.Take8Byte(records_)) return Break();
-    // Each record has a time at least, so that a count beyond this is wrong before the first record is read.
-    if (records_ > message_.BytesLeft() / SUTS_NUMBER8_BYTES) return Break();
+    // Each record has a time at least, so that in a whole message a count beyond this is wrong before the first is
+    // read.
+    if (!cut_ && records_ > message_.BytesLeft() / SUTS_NUMBER8_BYTES) return Break();
     recordsLeft_ = records_;
     return BLOCK_STARTED;
 }

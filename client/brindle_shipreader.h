@@ -23,7 +23,9 @@ class brindle_ShipReader {
 
     explicit brindle_ShipReader(suts_tsspec const& spec);
 
-    void Start(std::span<unsigned char const> message);  // goes to the start of a message; an earlier one is forgotten
+    // Goes to the start of a message; an earlier one is forgotten. Of a message that was cut the walk gives every whole
+    // item and then MALFORMED.
+    void Start(std::span<unsigned char const> message, bool cut = false);
     [[nodiscard]] Item Next();
 
     // Valid until the next call of Start; texts are views of the message.
@@ -46,6 +48,7 @@ class brindle_ShipReader {
     brindle_MessageReader message_;
     std::vector<brindle_Value> values_;  // the fields of the record or, of a key alone, the first
     unsigned long records_ = 0;          // that the current block has
+    bool cut_ = false;                   // the message is not whole
     unsigned long recordsLeft_ = 0;      // of these, still to come
     long timeUs_ = 0;
 };

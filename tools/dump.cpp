@@ -1,8 +1,11 @@
 // brindlectl dump: shows the records of a recovery directory.
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 
 #include "commands.h"
@@ -57,7 +60,11 @@ std::string_view BytesOf(sutl_RawBytefield const& field) {
 // Whether a recovery directory may hold an entry of this name: the playback ends the process at any other.
 bool IsLegal(std::string_view name) {
     if (name.starts_with('.') || name == "KeyFile") return true;
-    return name.size() > 1 && name.front() == 'F' && name.find_first_not_of("0123456789", 1) == std::string_view::npos;
+    if (name.size() < 2 || name.front() != 'F' || name.find_first_not_of("0123456789", 1) != std::string_view::npos) {
+        return false;
+    }
+    int number = 0;  // as large as the server's own numbers can be
+    return std::from_chars(name.begin() + 1, name.end(), number).ec == std::errc();
 }
 
 class DumpCommand : public Command {
@@ -96,9 +103,17 @@ ExitCode DumpCommand::CheckDirectory() const {
     std::unique_ptr<DIR, DirectoryCloser> const entries(opendir(directory_.c_str()));
     if (entries == nullptr) return Fail(IO_ERROR, "{}: cannot be read: {}", directory_, strerror(errno));
     while (dirent const* const entry = readdir(entries.get())) {
-        if (IsLegal(entry->d_name)) continue;
-        return Fail(BAD_DATA, "{}: '{}' does not belong into a recovery directory; move it away", directory_,
-                    entry->d_name);
+        std::string_view const name = entry->d_name;
+        if (!IsLegal(name)) {
+            return Fail(BAD_DATA, "{}: '{}' does not belong into a recovery directory; move it away", directory_, name);
+        }
+        if (!name.starts_with('F')) continue;
+        sutl_Descriptor const file = sutl_OpenFile((directory_ + "/" + entry->d_name).c_str(), O_RDONLY | O_NONBLOCK);
+        struct stat status = {};
+        if (!file.IsOpen() || fstat(file.Get(), &status) != 0) {
+            return Fail(IO_ERROR, "{}/{}: cannot be opened: {}", directory_, name, strerror(errno));
+        }
+        if (!S_ISREG(status.st_mode)) return Fail(BAD_DATA, "{}/{}: is not a file; move it away", directory_, name);
     }
     return DONE;
 }

@@ -16,6 +16,7 @@ constexpr char EXAMPLES[] =
 newest bucket first. Times are ISO 8601 (UTC unless they say otherwise) or microseconds since 1970; a table shows
 ISO 8601, CSV microseconds. A key that looks like an option goes behind --. No record found is no failure. The server
 serves one query client at a time.
+The schema must be the server's: a query whose key is longer than the server's type of key ends the server.
 Examples:
   brindlectl query --spec flights.spec --query 127.0.0.1:7201,7202 PHX
   brindlectl query --spec flights.spec --query 127.0.0.1:7201,7202 --from 2001-01-03T12:00 --format csv PHX)";

@@ -25,7 +25,9 @@ constexpr char EXAMPLES[] =
 Times are ISO 8601 (UTC unless they say otherwise) or microseconds since 1970, and not negative. A float64 may be inf,
 -inf, nan, or nan: and 16 hexadecimal digits. The first wrong value ends the sending; the rows before it are sent. If
 no frame had left by then (about 64 KB of records), nothing is sent, and the server stays free for the mended file.
-A server serves one producer: when this command ends, so does the server's run, in an orderly way.
+A server serves one producer: when this command ends, so does the server's run, in an orderly way. Without a record no
+connection is made and the server goes on waiting. Done means that the server has read everything; what it refuses (see
+its standard error) and what its schema takes for something else this command cannot see.
 Examples:
   brindlectl send --spec flights.spec --data 127.0.0.1:7101,7102 flights.csv
   zcat quakes.csv.gz | brindlectl send --spec quakes.spec --data stage.example:7101,7102 --time when -)";
@@ -202,9 +204,12 @@ ExitCode SendCommand::EndReading(CsvReader::Result result) const {
 }
 
 ExitCode SendCommand::FailToSend(brindle_Result result) const {
-    char const* const reason = result == BRINDLE_TIMED_OUT ? "it has stopped reading" : strerror(errno);
+    char const* const reason = result == BRINDLE_TIMED_OUT      ? "it has stopped reading"
+                               : result == BRINDLE_STREAM_ENDED ? "it has closed the connection"
+                                                                : strerror(errno);
     return Fail(UNAVAILABLE,
-                "{}: the server did not take everything ({}); of the {} records sent some may be missing. Its standard "
+                "{}: the server did not take everything ({}); of the {} records sent some may be missing or refused. "
+                "Its standard "
                 "error tells why",
                 addressText_, reason, recordsSent_);
 }

@@ -30,6 +30,8 @@ class SinkCommand : public Command {
  private:
     ExitCode Receive(brindle_ShipListener& listener, StopSignals const& signals, RecordOutput& output);
     ExitCode TakeMessage(std::span<unsigned char const> message, RecordOutput& output);
+    void TakeRest(std::span<unsigned char const> rest, RecordOutput& output);
+    void TakeRecord(RecordOutput& output);
     [[nodiscard]] ExitCode EndOfStream(brindle_Result result, bool hadServer) const;
 
     suts_tsspec spec_;
@@ -77,7 +79,7 @@ ExitCode SinkCommand::Run() {
 
     ExitCode code = Receive(listener, signals, output);
     if (ExitCode const flushed = FlushOutput(output); flushed != DONE) code = flushed;
-    Say("{} cycles, {} keys, {} records", cycles_, keys_, records_);
+    Say("received: {} cycles, {} keys, {} records", cycles_, keys_, records_);
     return code;
 }
 
@@ -85,7 +87,11 @@ ExitCode SinkCommand::Receive(brindle_ShipListener& listener, StopSignals const&
     for (;;) {
         std::span<unsigned char const> message;
         brindle_Result const result = listener.Receive(message, signals.Descriptor());
-        if (result != BRINDLE_DONE) return EndOfStream(result, listener.HasServer());
+        if (result != BRINDLE_DONE) {
+            ExitCode const end = EndOfStream(result, listener.HasServer());
+            TakeRest(listener.Rest(), output);
+            return end;
+        }
         if (ExitCode const taken = TakeMessage(message, output); taken != DONE) return taken;
     }
 }
@@ -102,12 +108,9 @@ ExitCode SinkCommand::TakeMessage(std::span<unsigned char const> message, Record
             case brindle_ShipReader::BLOCK_STARTED:
                 ++blocks_;
                 break;
-            case brindle_ShipReader::RECORD: {
-                ++records_;
-                unsigned long const place[] = {cycles_ + 1, blocks_};
-                output.Add(std::span(place, withBlocks_ ? 2 : 0), reader_->TimeUs(), reader_->Values());
+            case brindle_ShipReader::RECORD:
+                TakeRecord(output);
                 break;
-            }
             case brindle_ShipReader::CYCLE_ENDED:
                 ++cycles_;
                 blocks_ = 0;
@@ -125,6 +128,35 @@ ExitCode SinkCommand::TakeMessage(std::span<unsigned char const> message, Record
     }
 }
 
+void SinkCommand::TakeRecord(RecordOutput& output) {
+    ++records_;
+    unsigned long const place[] = {cycles_ + 1, blocks_};
+    output.Add(std::span(place, withBlocks_ ? 2 : 0), reader_->TimeUs(), reader_->Values());
+}
+
+// The server does not send a message again that was cut, so its whole records are kept.
+void SinkCommand::TakeRest(std::span<unsigned char const> rest, RecordOutput& output) {
+    if (rest.empty()) return;
+    unsigned long const before = records_;
+    reader_->Start(rest, true);
+    for (bool more = true; more;) {
+        switch (reader_->Next()) {
+            case brindle_ShipReader::KEY_ANNOUNCED:
+                ++keys_;
+                break;
+            case brindle_ShipReader::BLOCK_STARTED:
+                ++blocks_;
+                break;
+            case brindle_ShipReader::RECORD:
+                TakeRecord(output);
+                break;
+            default:
+                more = false;
+        }
+    }
+    Say("the last message was cut; the {} whole records of it are written", records_ - before);
+}
+
 ExitCode SinkCommand::EndOfStream(brindle_Result result, bool hadServer) const {
     int const error = errno;
     if (result == BRINDLE_STOPPED) {
@@ -135,6 +167,8 @@ ExitCode SinkCommand::EndOfStream(brindle_Result result, bool hadServer) const {
     } else if (result != BRINDLE_STREAM_ENDED || inCycle_) {
         return Fail(UNAVAILABLE, "the server's stream was cut off: {}; what had come is written",
                     result == BRINDLE_SYSTEM_ERROR ? strerror(error) : "the last cycle has no end");
+    } else if (messages_ == 0) {
+        return Fail(UNAVAILABLE, "the connection was closed before any message came; was it the server?");
     }
     if (malformed_ == 0) return DONE;
     return Fail(BAD_DATA, "{} of {} messages could not be read; check that the schema is the server's", malformed_,

@@ -1,4 +1,4 @@
-// SIGINT and SIGTERM as something to wait for.
+// SIGINT, SIGTERM and SIGHUP as something to wait for.
 #pragma once
 
 #include <signal.h>
@@ -6,7 +6,7 @@
 
 #include "sutl_descriptor.h"
 
-// While it lives, the two signals do not end the process; they make a descriptor readable instead, which stays
+// While it lives, the signals do not end the process; they make a descriptor readable instead, which stays
 // readable. For a program of one thread.
 class StopSignals {
  public:
@@ -15,6 +15,9 @@ class StopSignals {
         sigemptyset(&signals);
         sigaddset(&signals, SIGINT);
         sigaddset(&signals, SIGTERM);
+        struct sigaction hangUp = {};
+        bool const ignored = sigaction(SIGHUP, nullptr, &hangUp) == 0 && hangUp.sa_handler == SIG_IGN;
+        if (!ignored) sigaddset(&signals, SIGHUP);
         sigprocmask(SIG_BLOCK, &signals, nullptr);
         readable_ = sutl_Descriptor(signalfd(-1, &signals, SFD_CLOEXEC));
     }

@@ -88,8 +88,12 @@ bool TakeOffset(Cursor& cursor, microseconds& ahead) {
     int hour = 0;
     int minute = 0;
     if (!cursor.TakeNumber(2, hour)) return false;
-    cursor.TakeAnyOf(":");
-    if (!cursor.TakeNumber(2, minute) || hour > 23 || minute > 59) return false;
+    // The minutes may be left out.
+    if (!cursor.AtEnd()) {
+        cursor.TakeAnyOf(":");
+        if (!cursor.TakeNumber(2, minute)) return false;
+    }
+    if (hour > 23 || minute > 59) return false;
     ahead = std::chrono::hours(hour) + std::chrono::minutes(minute);
     if (!east) ahead = -ahead;
     return true;
@@ -113,7 +117,16 @@ bool ParseTime(std::string_view text, long& timeUs) {
     return true;
 }
 
+// From year 0000 to the end of 9999.
+constexpr long ISO_TIME_MIN_US = -62167219200000000;
+constexpr long ISO_TIME_MAX_US = 253402300799999999;
+
 void AppendIsoTime(std::string& out, long timeUs) {
+    // Years of more than four digits are no ISO times without further agreement; the microseconds say it as well.
+    if (timeUs < ISO_TIME_MIN_US || timeUs > ISO_TIME_MAX_US) {
+        fmt::format_to(std::back_inserter(out), "{}", timeUs);
+        return;
+    }
     auto const time = date::sys_time<microseconds>(microseconds(timeUs));
     auto const day = date::floor<date::days>(time);
     date::year_month_day const named(day);

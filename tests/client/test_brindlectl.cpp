@@ -254,6 +254,15 @@ TEST_F(Brindlectl, SendTellsThatTheServerWentAway) {
     EXPECT_EQ(send.WaitEnd(), 69) << send.Errors();
 }
 
+TEST_F(Brindlectl, SendDoesNotSayDoneWhenTheServerRefusedTheLastFrame) {
+    Session session("ss");
+    session.Start();
+    Tool send(directory_, {"send", "--spec", spec_, "--data", Ports(session.dataPorts),
+                           File("in.csv", HEADER + std::string("n,1,,k,1,1,1\n"))});
+    EXPECT_EQ(send.WaitEnd(), 69) << send.Errors();
+    EXPECT_NE(send.Errors().find("it has closed the connection"), std::string::npos) << send.Errors();
+}
+
 // The messages of one cycle with a single block.
 std::string CycleFrames(std::string_view records, std::uint64_t count) {
     return Frame(Big4(1) + Text("k")) + Frame(Big4(2) + Text("k") + Big8(count) + std::string(records)) +
@@ -282,7 +291,7 @@ TEST_F(Brindlectl, SinkWritesWhatIsShipped) {
         sink.first.Close();
         sink.second.Close();
         EXPECT_EQ(sink.tool->WaitEnd(), 0) << sink.tool->Errors();
-        EXPECT_EQ(sink.tool->Errors(), "brindlectl sink: 1 cycles, 1 keys, 2 records\n");
+        EXPECT_EQ(sink.tool->Errors(), "brindlectl sink: received: 1 cycles, 1 keys, 2 records\n");
     }
 }
 
@@ -300,6 +309,8 @@ TEST_F(Brindlectl, SinkKeepsWhatCameHoweverItEnds) {
         {"interrupted", good, INTERRUPTED, 0, "stopped while the server was connected"},
         {"interrupted inside a message", good + Big4(100), INTERRUPTED, 0, "stopped while the server was connected"},
         {"cut inside a message", good + Big4(100) + "x", CLOSES, 69, "the server's stream was cut off"},
+        {"cut inside a message's second record", good + Big4(500) + Big4(2) + Text("k") + Big8(9) + record + "xyz",
+         CLOSES, 69, "the 1 whole records of it are written"},
         {"ended inside a cycle", good + Frame(Big4(1)), CLOSES, 69, "the last cycle has no end"},
         {"reset", good, RESETS, 69, "Connection reset by peer"},
         {"a malformed message between", Frame(Big4(2) + "garbage") + good, CLOSES, 65,
@@ -318,7 +329,11 @@ TEST_F(Brindlectl, SinkKeepsWhatCameHoweverItEnds) {
         if (row.end == CLOSES) sink.first.Close();
         EXPECT_EQ(sink.tool->WaitEnd(), row.status);
         EXPECT_NE(sink.tool->Errors().find(row.error), std::string::npos) << sink.tool->Errors();
-        EXPECT_NE(sink.tool->Errors().find(" 1 keys, 1 records\n"), std::string::npos) << sink.tool->Errors();
+        bool const another = row.stream.ends_with("xyz");
+        EXPECT_NE(sink.tool->Errors().find(another ? " 1 keys, 2 records\n" : " 1 keys, 1 records\n"),
+                  std::string::npos)
+            << sink.tool->Errors();
+        EXPECT_EQ(sink.tool->Out().ends_with("7,k,1,1,1,\n7,k,1,1,1,\n"), another);
     }
 }
 

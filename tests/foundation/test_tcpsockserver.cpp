@@ -94,13 +94,16 @@ TEST(TcpSockServer, WhatIsNotOpenIsNotClosed) {
     sutl_Descriptor const first = test::ConnectTo(ports.first);
     sutl_Descriptor const second = test::ConnectTo(ports.second);
     EXPECT_TRUE(successor.AcceptPair()) << "still listens";
+    errno = EDOM;
+    successor.CloseConnections();
+    EXPECT_EQ(EDOM, errno) << "closing leaves the error of the call before it to perror";
 }
 
 TEST(TcpSockServer, RunningOutOfDescriptorsIsReported) {
     std::string const opening = test::ErrorText("Socket open failed:", EMFILE);
     struct {
         char const* name;
-        int allowed;  // descriptors more than are open
+        rlim_t allowed;  // descriptors more than are open
         bool listens, firstStaysOpen;
         std::string text;
     } const rows[] = {
@@ -119,7 +122,7 @@ TEST(TcpSockServer, RunningOutOfDescriptorsIsReported) {
         }
         test::ChildEnd const end = test::RunInChild([&] {
             sutl_Descriptor lowestFree(dup(STDERR_FILENO));
-            auto const limit = static_cast<rlim_t>(lowestFree.Get() + row.allowed);
+            rlim_t const limit = static_cast<rlim_t>(lowestFree.Get()) + row.allowed;
             lowestFree.Close();
             rlimit const limits = {limit, limit};
             setrlimit(RLIMIT_NOFILE, &limits);

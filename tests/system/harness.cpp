@@ -420,17 +420,10 @@ std::filesystem::path Session::Make(std::string const& name) const {
 
 Texts Session::Arguments() const {
     auto const text = [](int port) { return std::to_string(port); };
-    int const* const ship = consumer_ != nullptr ? consumer_->ports : nullptr;
-    Texts words{specFile,
-                recovery,
-                "127.0.0.1",
-                text(ship != nullptr ? ship[0] : refusingPort_),
-                text(ship != nullptr ? ship[1] : refusingPort_),
-                text(dataPorts[0]),
-                text(dataPorts[1]),
-                window,
-                text(queryPorts[0]),
-                text(queryPorts[1])};
+    int const both[2] = {refusingPort_, refusingPort_};
+    int const* const ship = consumer_ != nullptr ? consumer_->ports : both;
+    Texts words{specFile,           recovery,           "127.0.0.1", text(ship[0]),       text(ship[1]),
+                text(dataPorts[0]), text(dataPorts[1]), window,      text(queryPorts[0]), text(queryPorts[1])};
     if (!recoverFrom.empty()) words.push_back(recoverFrom);
     return words;
 }

@@ -34,16 +34,9 @@ TEST(TerminationEnd, KillsTheServerAndKeepsTheLog) {
         EXPECT_EQ(0U, session.server().Told("Shutting down"));
         EXPECT_TRUE(session.Shipped().empty()) << "nothing is shipped any more";
         // Whole blocks are on disk; the tail of the last one is lost with the process.
-        Records logged = DecodeLog(session.types, ReadLog(session.recovery));
+        Records const logged = DecodeLog(session.types, ReadLog(session.recovery));
         std::size_t const recordBytes = LogRecord(session.types, sent[0]).size();
         EXPECT_GE(logged.size(), (sent.size() * recordBytes - 4095) / recordBytes);
-
-        Session next("4s");
-        next.recoverFrom = session.recovery;
-        next.Start();
-        logged.push_back({Int32(1), At(9), Text("")});
-        next.Send({logged.back()});
-        ExpectSameRecords(logged, AllRecords(next.Finish()));
     }
 }
 
@@ -58,14 +51,10 @@ TEST(ConnectionEnd, IsOrderlyAlsoAfterAReset) {
         if (byReset) session.producer().Reset();
         session.FinishAndCheck(sent);
         EXPECT_EQ(byReset ? "Socket Receiver:: Connection reset by peer\n" : "", session.server().OtherLines());
-        std::string const& errors = session.server().Errors();
-        std::size_t at = 0;
-        for (char const* const line : {"Shutting down\n", "TMain: TQ termination ", "TMain Gathered TOrg\n"}) {
-            at = errors.find(line, at);
-            ASSERT_NE(errors.npos, at) << line << "is missing or too early in " << errors;
-        }
-        EXPECT_EQ(1U, session.server().Told("TOrg -> Termination received, shipping everything.\n"));
-        EXPECT_EQ(1U, session.server().Told(" TShp: Terminating..\n"));
+        for (char const* const line :
+             {"Shutting down\n", "TMain: TQ termination ", "TMain Gathered TOrg\n",
+              "TOrg -> Termination received, shipping everything.\n", " TShp: Terminating..\n"})
+            EXPECT_EQ(1U, session.server().Told(line)) << line;
     }
 }
 
@@ -129,7 +118,6 @@ TEST(FailedStarts, LeaveNothingBehind) {
     } const rows[] = {
         {"an earlier run's file", {{"F3", "x"}}, {}, "1", "signal 2", notEmpty, nullptr},
         {"a stray file", {{"notes.txt", "x"}}, {}, "1", "signal 6", badName, nullptr},
-        {"no number", {{"F", ""}}, {}, "1", "signal 6", badName, nullptr},
         {"a number that no int holds", {{"F99999999999", ""}}, {}, "1", "signal 6", badName, nullptr},
         {"an earlier run's keys", {{"KeyFile", "x"}}, {}, "1", "signal 6", "KeyFile could not be created: ", nullptr},
         {"window 0", none, {}, "0", "signal 2", badWidth, nullptr},

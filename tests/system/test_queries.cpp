@@ -173,26 +173,18 @@ TEST(QueryConversations, EndAndLetTheNextClientIn) {
     session.FinishAndCheck(TWO);
 }
 
-// A client asks for megabytes and goes, or stays and does not read: the server goes on, and ends when it is told to.
+// A client asks for megabytes and does not read them: the server goes on, and ends when it is told to.
 TEST(QueryConversations, WithAClientThatDoesNotReadHoldUpNothing) {
-    for (bool const leaves : {true, false}) {
-        SCOPED_TRACE(leaves ? "a client that leaves" : "a client that stays");
-        Session session("s4s");
-        session.Start();
-        Records sent;
-        for (int i = 0; i < 8; ++i) sent.push_back({Text("key"), At(9, i), Int32(i) + Text(std::string(1 << 20, 'x'))});
-        session.Send(sent, 1);
-        QueryClient client = session.Query();
-        client.AskUntil(Text("key"), sent.size());
-        client.Send(Request(Text("key")));
-        client.replies.Receive(4);
-        if (leaves) {
-            client.replies.Reset();
-            client.requests.Reset();
-            EXPECT_EQ(sent.size(), session.Query().Ask(Text("key")).size());
-        }
-        session.FinishAndCheck(sent);
-    }
+    Session session("s4s");
+    session.Start();
+    Records sent;
+    for (int i = 0; i < 8; ++i) sent.push_back({Text("key"), At(9, i), Int32(i) + Text(std::string(1 << 20, 'x'))});
+    session.Send(sent, 1);
+    QueryClient const client = session.Query();
+    client.AskUntil(Text("key"), sent.size());
+    client.Send(Request(Text("key")));
+    client.replies.Receive(4);
+    session.FinishAndCheck(sent);
 }
 
 // Every reply, whatever is absorbed, advanced or shipped meanwhile, is made of sent records of the key and the range,
