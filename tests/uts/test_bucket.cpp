@@ -8,7 +8,10 @@ namespace {
 // On the heap, so that a value freed twice or never is noticed under the address sanitizer.
 sutl_RawBytefield ValueOf(long time) { return test::Field("value number " + std::to_string(time)); }
 
-suts_StgFileRecord* HandleOf(long time) { return reinterpret_cast<suts_StgFileRecord*>(time + 1); }
+suts_StgFileRecord* HandleOf(long time) {
+    static suts_StgFileRecord files[101];
+    return &files[time];
+}
 
 // The times from a position back to another, exclusive; each record has to be whole.
 std::vector<long> TimesBack(suts_StgPosition from, suts_StgPosition const& to) {

@@ -16,32 +16,32 @@ std::string Text(unsigned int length, std::string const& bytes) { return Net(len
 struct Case {
     char const* name;
     suts_FieldType type;
-    std::string wire;
     suts_FieldFault fault;
+    std::string wire;
     std::string stored;
 };
 
 Case const CASES[] = {
-    {"int32", SUTS_INT32, "\xff\xff\xff\xfe"s, FIELD_WHOLE, "\xfe\xff\xff\xff"s},
-    {"int64", SUTS_INT64, "\x01\x02\x03\x04\x05\x06\x07\x08"s, FIELD_WHOLE, "\x08\x07\x06\x05\x04\x03\x02\x01"s},
-    {"float64", SUTS_FLOAT64, "\x3f\xf0\0\0\0\0\0\0"s, FIELD_WHOLE, test::Host(1.0)},
-    {"string", SUTS_STRING64, "\0\0\0\x06hello\0"s, FIELD_WHOLE, "hello\0"s},
-    {"longest inline string", SUTS_STRING64, Text(12, "elevenchars\0"s), FIELD_WHOLE, "elevenchars\0"s},
-    {"shortest string on the heap", SUTS_STRING64, Text(13, "twelve chars\0"s), FIELD_WHOLE, "twelve chars\0"s},
-    {"long string", SUTS_STRING64, Text(2000, TEXT_2000), FIELD_WHOLE, TEXT_2000},
-    {"length 0", SUTS_STRING64, Text(0, ""), FIELD_WHOLE, "\0"s},
-    {"no NUL", SUTS_STRING64, Text(5, "hello"), FIELD_WHOLE, "hello\0"s},
-    {"no NUL, on the heap only with it", SUTS_STRING64, Text(12, "twelve chars"), FIELD_WHOLE, "twelve chars\0"s},
-    {"inner NUL", SUTS_STRING64, Text(6, "ab\0cd\0"s), FIELD_WHOLE, "ab\0"s},
-    {"inner NUL, none at the end", SUTS_STRING64, Text(16, "ab\0and much more"s), FIELD_WHOLE, "ab\0"s},
-    {"NUL first", SUTS_STRING64, Text(3, "\0ab"s), FIELD_WHOLE, "\0"s},
-    {"int32 cut", SUTS_INT32, "\1\2\3"s, FIELD_CUT, ""},
-    {"int64 cut", SUTS_INT64, "\1\2\3\4\5\6\7"s, FIELD_CUT, ""},
-    {"float64 missing", SUTS_FLOAT64, "", FIELD_CUT, ""},
-    {"string length cut", SUTS_STRING64, "\0\0\0"s, FIELD_CUT, ""},
-    {"string cut by one byte", SUTS_STRING64, Text(5, "1234"), FIELD_STRING_TOO_LONG, ""},
-    {"length 2^31", SUTS_STRING64, Text(0x80000000, "1234"), FIELD_STRING_TOO_LONG, ""},
-    {"length 2^32 - 1", SUTS_STRING64, Text(0xffffffff, ""), FIELD_STRING_TOO_LONG, ""},
+    {"int32", SUTS_INT32, FIELD_WHOLE, "\xff\xff\xff\xfe"s, "\xfe\xff\xff\xff"s},
+    {"int64", SUTS_INT64, FIELD_WHOLE, "\x01\x02\x03\x04\x05\x06\x07\x08"s, "\x08\x07\x06\x05\x04\x03\x02\x01"s},
+    {"float64", SUTS_FLOAT64, FIELD_WHOLE, "\x3f\xf0\0\0\0\0\0\0"s, test::Host(1.0)},
+    {"string", SUTS_STRING64, FIELD_WHOLE, "\0\0\0\x06hello\0"s, "hello\0"s},
+    {"longest inline string", SUTS_STRING64, FIELD_WHOLE, Text(12, "elevenchars\0"s), "elevenchars\0"s},
+    {"shortest string on the heap", SUTS_STRING64, FIELD_WHOLE, Text(13, "twelve chars\0"s), "twelve chars\0"s},
+    {"long string", SUTS_STRING64, FIELD_WHOLE, Text(2000, TEXT_2000), TEXT_2000},
+    {"length 0", SUTS_STRING64, FIELD_WHOLE, Text(0, ""), "\0"s},
+    {"no NUL", SUTS_STRING64, FIELD_WHOLE, Text(5, "hello"), "hello\0"s},
+    {"no NUL, on the heap only with it", SUTS_STRING64, FIELD_WHOLE, Text(12, "twelve chars"), "twelve chars\0"s},
+    {"inner NUL", SUTS_STRING64, FIELD_WHOLE, Text(6, "ab\0cd\0"s), "ab\0"s},
+    {"inner NUL, none at the end", SUTS_STRING64, FIELD_WHOLE, Text(16, "ab\0and much more"s), "ab\0"s},
+    {"NUL first", SUTS_STRING64, FIELD_WHOLE, Text(3, "\0ab"s), "\0"s},
+    {"int32 cut", SUTS_INT32, FIELD_CUT, "\1\2\3"s, ""},
+    {"int64 cut", SUTS_INT64, FIELD_CUT, "\1\2\3\4\5\6\7"s, ""},
+    {"float64 missing", SUTS_FLOAT64, FIELD_CUT, "", ""},
+    {"string length cut", SUTS_STRING64, FIELD_CUT, "\0\0\0"s, ""},
+    {"string cut by one byte", SUTS_STRING64, FIELD_STRING_TOO_LONG, Text(5, "1234"), ""},
+    {"length 2^31", SUTS_STRING64, FIELD_STRING_TOO_LONG, Text(0x80000000, "1234"), ""},
+    {"length 2^32 - 1", SUTS_STRING64, FIELD_STRING_TOO_LONG, Text(0xffffffff, ""), ""},
 };
 
 TEST(FieldTranslation, WireBytesBecomeStoredBytes) {

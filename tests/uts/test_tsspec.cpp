@@ -12,30 +12,30 @@ constexpr std::size_t PIECE_CHARACTERS = 3999;
 struct Case {
     std::string text;
     int result;
+    int fieldCount;
     std::string message;  // on standard error
     char const* name;     // null: none
-    int fieldCount;
     Types types;
     Texts names;
 };
 
 Case const CASES[] = {
-    {"", 2, INCOMPLETE, nullptr, 0, {}, {}},
-    {" \t\r\n\n  ", 2, INCOMPLETE, nullptr, 0, {}, {}},
-    {"R", 0, "", "R", 0, {}, {}},
-    {"R int32 a", 0, "", "R", 1, {SUTS_INT32}, {"a"}},
-    {"R int32", 2, INCOMPLETE, "R", 0, {}, {}},
-    {"R int32 a int64", 2, INCOMPLETE, "R", 1, {}, {}},
-    {"R Int32 a", 1, "ERROR suts_tspec: Syntax, bad type Int32\n", "R", 0, {}, {}},
-    {"R\n# id\nint64 id", 1, "ERROR suts_tspec: Syntax, bad type #\n", "R", 0, {}, {}},
-    {"R int32 a int64 b int99 c", 1, "ERROR suts_tspec: Syntax, bad type int99\n", "R", 2, {}, {}},
-    {"R int32 int32 int64 float64", 0, "", "R", 2, {SUTS_INT32, SUTS_INT64}, {"int32", "float64"}},
-    {"R string64 a\vb\f", 0, "", "R", 1, {SUTS_STRING64}, {"a\vb\f"}},
+    {"", 2, 0, INCOMPLETE, nullptr, {}, {}},
+    {" \t\r\n\n  ", 2, 0, INCOMPLETE, nullptr, {}, {}},
+    {"R", 0, 0, "", "R", {}, {}},
+    {"R int32 a", 0, 1, "", "R", {SUTS_INT32}, {"a"}},
+    {"R int32", 2, 0, INCOMPLETE, "R", {}, {}},
+    {"R int32 a int64", 2, 1, INCOMPLETE, "R", {}, {}},
+    {"R Int32 a", 1, 0, "ERROR suts_tspec: Syntax, bad type Int32\n", "R", {}, {}},
+    {"R\n# id\nint64 id", 1, 0, "ERROR suts_tspec: Syntax, bad type #\n", "R", {}, {}},
+    {"R int32 a int64 b int99 c", 1, 2, "ERROR suts_tspec: Syntax, bad type int99\n", "R", {}, {}},
+    {"R int32 int32 int64 float64", 0, 2, "", "R", {SUTS_INT32, SUTS_INT64}, {"int32", "float64"}},
+    {"R string64 a\vb\f", 0, 1, "", "R", {SUTS_STRING64}, {"a\vb\f"}},
     {"\r\nR\tint64 id\n\n int64\r\nn float64 f \n",
      0,
+     3,
      "",
      "R",
-     3,
      {SUTS_INT64, SUTS_INT64, SUTS_FLOAT64},
      {"id", "n", "f"}},
 };
@@ -96,17 +96,17 @@ TEST(SpecFile, ATokenAcrossTwoPiecesIsCut) {
     for (std::string const before : {"", "\r\n\t\n"}) {
         for (std::size_t start = PIECE_CHARACTERS - 8; start < PIECE_CHARACTERS + 3; ++start) {
             // Pieces are counted from the line's start.
-            std::string const text = before + "R" + std::string(start - 1, ' ') + token + "\nid";
+            std::string const text = (before + "R").append(start - 1, ' ').append(token).append("\nid");
             if (start < PIECE_CHARACTERS && start + token.size() > PIECE_CHARACTERS) {
                 std::string const first = token.substr(0, PIECE_CHARACTERS - start);
-                ExpectInit({text, 1, "ERROR suts_tspec: Syntax, bad type " + first + "\n", "R", 0, {}, {}});
+                ExpectInit({text, 1, 0, "ERROR suts_tspec: Syntax, bad type " + first + "\n", "R", {}, {}});
             } else {
-                ExpectInit({text, 0, "", "R", 1, {SUTS_INT64}, {"id"}});
+                ExpectInit({text, 0, 1, "", "R", {SUTS_INT64}, {"id"}});
             }
         }
     }
     // Without a delimiter the boundary itself divides a type from a name.
-    ExpectInit({"R" + std::string(PIECE_CHARACTERS - 6, ' ') + "int64id", 0, "", "R", 1, {SUTS_INT64}, {"id"}});
+    ExpectInit({"R" + std::string(PIECE_CHARACTERS - 6, ' ') + "int64id", 0, 1, "", "R", {SUTS_INT64}, {"id"}});
 }
 
 TEST(SpecFile, ATypeWithoutItsNameBehindTwoFieldsEndsTheProcess) {
