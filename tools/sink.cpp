@@ -31,7 +31,7 @@ class SinkCommand : public Command {
     ExitCode Receive(brindle_ShipListener& listener, StopSignals const& signals, RecordOutput& output);
     ExitCode TakeMessage(std::span<unsigned char const> message, RecordOutput& output);
     void TakeRest(std::span<unsigned char const> rest, RecordOutput& output);
-    void TakeRecord(RecordOutput& output);
+    brindle_ShipReader::Item TakeItems(RecordOutput& output);
     [[nodiscard]] ExitCode EndOfStream(brindle_Result result, bool hadServer) const;
 
     suts_tsspec spec_;
@@ -96,42 +96,47 @@ ExitCode SinkCommand::Receive(brindle_ShipListener& listener, StopSignals const&
     }
 }
 
-ExitCode SinkCommand::TakeMessage(std::span<unsigned char const> message, RecordOutput& output) {
-    ++messages_;
-    inCycle_ = true;
-    reader_->Start(message);
+// Takes keys and records up to the first item that is neither.
+brindle_ShipReader::Item SinkCommand::TakeItems(RecordOutput& output) {
     for (;;) {
-        switch (reader_->Next()) {
+        brindle_ShipReader::Item const item = reader_->Next();
+        switch (item) {
             case brindle_ShipReader::KEY_ANNOUNCED:
                 ++keys_;
                 break;
             case brindle_ShipReader::BLOCK_STARTED:
                 ++blocks_;
                 break;
-            case brindle_ShipReader::RECORD:
-                TakeRecord(output);
+            case brindle_ShipReader::RECORD: {
+                ++records_;
+                unsigned long const place[] = {cycles_ + 1, blocks_};
+                output.Add(std::span(place, withBlocks_ ? 2 : 0), reader_->TimeUs(), reader_->Values());
                 break;
-            case brindle_ShipReader::CYCLE_ENDED:
-                ++cycles_;
-                blocks_ = 0;
-                inCycle_ = false;
-                return output.Flush() == 0 ? DONE : IO_ERROR;
-            case brindle_ShipReader::MESSAGE_ENDED:
-                return DONE;
-            case brindle_ShipReader::MALFORMED:
-                // Frames tell where the next message begins, so that one bad message costs no other.
-                ++malformed_;
-                Fail(BAD_DATA, "message {} of {} bytes cannot be read with this schema; the rest of it is skipped",
-                     messages_, message.size());
-                return DONE;
+            }
+            default:
+                return item;
         }
     }
 }
 
-void SinkCommand::TakeRecord(RecordOutput& output) {
-    ++records_;
-    unsigned long const place[] = {cycles_ + 1, blocks_};
-    output.Add(std::span(place, withBlocks_ ? 2 : 0), reader_->TimeUs(), reader_->Values());
+ExitCode SinkCommand::TakeMessage(std::span<unsigned char const> message, RecordOutput& output) {
+    ++messages_;
+    inCycle_ = true;
+    reader_->Start(message);
+    brindle_ShipReader::Item const last = TakeItems(output);
+    if (last == brindle_ShipReader::CYCLE_ENDED) {
+        ++cycles_;
+        blocks_ = 0;
+        inCycle_ = false;
+        return output.Flush() == 0 ? DONE : IO_ERROR;
+    }
+    if (last == brindle_ShipReader::MALFORMED) {
+        // Frames tell where the next message begins, so that one bad message costs no other.
+        ++malformed_;
+        Fail(BAD_DATA, "message {} of {} bytes cannot be read with this schema; the rest of it is skipped", messages_,
+             message.size());
+    }
+    return DONE;
 }
 
 // The server does not send a message again that was cut, so its whole records are kept.
@@ -139,21 +144,7 @@ void SinkCommand::TakeRest(std::span<unsigned char const> rest, RecordOutput& ou
     if (rest.empty()) return;
     unsigned long const before = records_;
     reader_->Start(rest, true);
-    for (bool more = true; more;) {
-        switch (reader_->Next()) {
-            case brindle_ShipReader::KEY_ANNOUNCED:
-                ++keys_;
-                break;
-            case brindle_ShipReader::BLOCK_STARTED:
-                ++blocks_;
-                break;
-            case brindle_ShipReader::RECORD:
-                TakeRecord(output);
-                break;
-            default:
-                more = false;
-        }
-    }
+    TakeItems(output);
     Say("the last message was cut; the {} whole records of it are written", records_ - before);
 }
 
