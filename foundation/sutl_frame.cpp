@@ -11,6 +11,7 @@
 #include <cstdio>
 
 #include "sutl_descriptor.h"
+#include "sutl_tcpsocket.h"
 
 namespace {
 
@@ -27,22 +28,11 @@ void Report(char const* text, std::atomic<bool> const* muted) {
     if (!Muted(muted)) fputs(text, stderr);
 }
 
-// Whether the connection has something to read (its end included) before the deadline.
-bool ReadableBefore(int connection, Clock::time_point deadline) {
-    for (;;) {
-        auto const left = std::chrono::ceil<milliseconds>(deadline - Clock::now()).count();
-        pollfd waited = {connection, POLLIN, 0};
-        int const ready = poll(&waited, 1, static_cast<int>(std::max<long>(left, 0)));
-        if (ready >= 0) return ready > 0;
-        if (errno != EINTR) return false;
-    }
-}
-
 // The rest of a header of which some bytes are there. False when it does not come in time.
 bool ReceiveHeaderRest(int connection, unsigned char* header, std::size_t got) {
     Clock::time_point const deadline = Clock::now() + milliseconds(SUTL_HEADER_WAIT_MS);
     while (got < SUTL_FRAME_HEADER_BYTES) {
-        if (!ReadableBefore(connection, deadline)) return false;
+        if (!sutl_PollBefore(deadline, connection, POLLIN)) return false;
         long const result = sutl_ReadSome(connection, header + got, SUTL_FRAME_HEADER_BYTES - got);
         if (result <= 0) return false;
         got += static_cast<std::size_t>(result);

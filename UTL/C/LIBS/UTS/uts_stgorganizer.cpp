@@ -228,7 +228,7 @@ void suts_StgOrganizer::Ship(bool final) {
     unsigned long const current = current_.load(std::memory_order_relaxed);
     unsigned long const newestShipped = final ? current : current - 1;
     shipper_.WaitUntilIdle();
-    shipper_.Post({&keys_, baseUs_ + (newestShipped + 1) * bucketWidthUs_, newestShipped});
+    shipper_.Post({&keys_, baseUs_ + (newestShipped + 1) * bucketWidthUs_, newestShipped, final});
     if (final) {
         shipper_.WaitUntilIdle();
         shipper_.Stop();

@@ -89,6 +89,7 @@ void AppendBlocks(suts_StgShipBatch& batch, sutl_RawBytefield const& key) {
         int offset = 0;
         suts_ShpThrdAddBfToShpField(batch.messages.Current(), key, batch.spec, 0, offset);
         AppendNumber8(batch.messages.Current(), count);
+        batch.messages.CountRecords(count);
         for (; count > 0; --count) AppendFirstEntry(batch);
         if (batch.entries.IsEmpty()) return;
         batch.messages.StartFurther();
@@ -105,8 +106,9 @@ void suts_StgShipMessages::Begin(unsigned int type) {
 
 void suts_StgShipMessages::StartFurther() {
     SealLast();
-    if (used_ == messages_.size()) messages_.push_back(std::make_unique<sutl_NetorderByteField>());
+    if (used_ == messages_.size()) messages_.push_back({std::make_unique<sutl_NetorderByteField>(), 0});
     ++used_;
+    messages_[used_ - 1].records = 0;
     Current().Reset();
     unsigned int type = type_;
     Current().Append4Byte(&type, 1);
@@ -116,9 +118,9 @@ void suts_StgShipMessages::SealLast() {
     if (used_ > 0) Current().Seal();
 }
 
-bool suts_StgShipMessages::CurrentIsBare() const { return messages_[used_ - 1]->Count() == SUTS_SHIP_TYPE_BYTES; }
+bool suts_StgShipMessages::CurrentIsBare() const { return messages_[used_ - 1].bytes->Count() == SUTS_SHIP_TYPE_BYTES; }
 
-long suts_StgShipMessages::Room() const { return bytesMax_ - messages_[used_ - 1]->Count(); }
+long suts_StgShipMessages::Room() const { return bytesMax_ - messages_[used_ - 1].bytes->Count(); }
 
 suts_StgShipBatch::suts_StgShipBatch(suts_StgRecovery& log, suts_tsspec const& schema, long messageBytesMax)
     : recovery(log),

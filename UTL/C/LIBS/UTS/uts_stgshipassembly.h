@@ -21,18 +21,25 @@ class suts_StgShipMessages {
     void Begin(unsigned int type);  // drops what is there and starts the first message
     void StartFurther();            // goes on in a further message of the same type
     void SealLast();                // no more is appended
+    void CountRecords(unsigned long count) { messages_[used_ - 1].records += count; }  // in the current message
 
-    [[nodiscard]] sutl_NetorderByteField& Current() { return *messages_[used_ - 1]; }
+    [[nodiscard]] sutl_NetorderByteField& Current() { return *messages_[used_ - 1].bytes; }
     [[nodiscard]] bool CurrentIsBare() const;  // nothing behind the type yet
     [[nodiscard]] long Room() const;           // bytes that still fit into the current message
     [[nodiscard]] std::size_t Used() const { return used_; }
-    [[nodiscard]] sutl_NetorderByteField& Message(std::size_t index) { return *messages_[index]; }
+    [[nodiscard]] sutl_NetorderByteField& Message(std::size_t index) { return *messages_[index].bytes; }
+    [[nodiscard]] unsigned long Records(std::size_t index) const { return messages_[index].records; }
 
  private:
+    struct ShipMessage {
+        std::unique_ptr<sutl_NetorderByteField> bytes;
+        unsigned long records;  // in it, as counted
+    };
+
     long const bytesMax_;
     unsigned int type_ = 0;
     std::size_t used_ = 0;  // messages begun since Begin
-    std::vector<std::unique_ptr<sutl_NetorderByteField>> messages_;
+    std::vector<ShipMessage> messages_;
 };
 
 // One record on its way into a message.

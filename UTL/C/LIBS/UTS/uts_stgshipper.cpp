@@ -1,45 +1,18 @@
 #include "uts_stgshipper.h"
 
-#include <netdb.h>
-
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
-#include "sutl_frame.h"
 #include "sutl_resourceusage.h"
-#include "sutl_tcpsocket.h"
 
 suts_StgShipper::suts_StgShipper(suts_StgRecovery& recovery, suts_tsspec const& spec, char const* host,
                                  unsigned short port1, unsigned short port2, long messageBytesMax)
-    : recovery_(recovery), spec_(spec), batch_(recovery, spec, messageBytesMax) {
-    Connect(host, port1, port2);
+    : recovery_(recovery), spec_(spec), batch_(recovery, spec, messageBytesMax), link_(host, port1, port2) {
     if (!thread_.Start(suts_RunShipper, this, "TShp")) {
         perror("ERROR, ship thread could not be started: ");
         recovery_.RemoveFirstFile();
         abort();
     }
-}
-
-void suts_StgShipper::Connect(char const* host, unsigned short port1, unsigned short port2) {
-    firstSocket_ = sutl_OpenTcpSocket();
-    if (!firstSocket_.IsOpen()) return perror("Socket open failed:");
-    secondSocket_ = sutl_OpenTcpSocket();
-    if (!secondSocket_.IsOpen()) return perror("Socket open failed:");
-    sutl_SetNoDelay(firstSocket_);
-    sutl_SetNoDelay(secondSocket_);
-    hostent const* const found = gethostbyname(host);
-    if (found == nullptr || found->h_addrtype != AF_INET || found->h_addr_list[0] == nullptr) {
-        fprintf(stderr, "ERROR: Hostname lookup for %s failed! \n", host);
-        return;
-    }
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    memcpy(&address.sin_addr, found->h_addr_list[0], sizeof address.sin_addr);
-    address.sin_port = htons(port1);
-    if (!sutl_Connect(firstSocket_, address)) return perror("ERROR TCPClient connection failed! ");
-    address.sin_port = htons(port2);
-    if (!sutl_Connect(secondSocket_, address)) return perror("ERROR TCPClient connection failed! ");
 }
 
 // Hand-off with the organizer -------------------------------------------------
@@ -65,8 +38,7 @@ void suts_StgShipper::Stop() {
         condition_.Signal();
     }
     thread_.Join();
-    firstSocket_.Close();
-    secondSocket_.Close();
+    link_.Close();
 }
 
 suts_StgShipper::State suts_StgShipper::WaitForOrder() {
@@ -97,7 +69,7 @@ void* suts_RunShipper(void* shipper) {
 void suts_StgShipper::Send() {
     batch_.messages.SealLast();
     for (std::size_t i = 0; i < batch_.messages.Used(); ++i) {
-        sutl_SendFrame(firstSocket_.Get(), batch_.messages.Message(i));
+        link_.Send(batch_.messages.Message(i), batch_.messages.Records(i));
         batch_.messages.Message(i).Reset();  // of what a failure has left unsent
     }
 }
@@ -156,6 +128,7 @@ void suts_StgShipper::RunCycle() {
     batch_.bucketNumber = running_.bucketNumber;
     fputs(" TShp: Starting..\n", stderr);
     sutl_ResourceUsage const usage;
+    if (!running_.final && link_.Renew()) running_.keys->shipCursor.MakeEnd();
     AnnounceKeys(*running_.keys);
     fputs("TShp: Keys sent:\n", stderr);
     ShipRecords(*running_.keys);

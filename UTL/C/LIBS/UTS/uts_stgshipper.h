@@ -1,11 +1,11 @@
 // The shipper: the connection to the downstream consumer, and the ship thread.
 #pragma once
 
-#include "sutl_descriptor.h"
 #include "sutl_locks.h"
 #include "uts_stgkeyindex.h"
 #include "uts_stgrecovery.h"
 #include "uts_stgshipassembly.h"
+#include "uts_stgshiplink.h"
 #include "uts_tsspec.h"
 
 // What the organizer asks the ship thread to do in one cycle. Set before the cycle starts, read only by the ship thread
@@ -14,13 +14,15 @@ struct suts_StgShipJob {
     suts_StgKeyIndex* keys = nullptr;
     unsigned long upperTimeBound = 0;  // microseconds; records at or after it stay in the buckets
     unsigned long bucketNumber = 0;    // the newest bucket to ship
+    bool final = false;                // no cycle follows
 };
 
 // Sends, per cycle, the keys that are new, the records of every key, and an end-of-cycle message, all on the first of
 // its two connections. Owned by suts_Stager. The organizer thread posts jobs and stops it; a second stop does nothing.
 //
-// A connection that cannot be made, or that is lost, is reported and stays lost: records are marked and dropped all the
-// same, as a server without a consumer has no other use for them.
+// While the connection is lost, records are marked and dropped all the same, as a server without a consumer has no
+// other use for them. A cycle, but for the final one, begins with an attempt to make a lost connection anew; every key
+// is then announced again.
 class suts_StgShipper {
  public:
     // Connects and starts the ship thread, connected or not. Blocks for as long as the system takes to connect. Where
@@ -43,7 +45,6 @@ class suts_StgShipper {
     enum State { IDLE = 0, REQUESTED = 1, FINISHED = 2, TERMINATE = 3 };
     static constexpr int WAKES_THREAD = 1;  // the bit that REQUESTED and TERMINATE share
 
-    void Connect(char const* host, unsigned short port1, unsigned short port2);
     State WaitForOrder() SUTL_EXCLUDES(mutex_);
     void FinishCycle() SUTL_EXCLUDES(mutex_);
     // Ship thread only, as the rest.
@@ -58,11 +59,10 @@ class suts_StgShipper {
     sutl_Condition condition_;  // the state has changed
     State state_ SUTL_GUARDED_BY(mutex_) = IDLE;
     suts_StgShipJob job_ SUTL_GUARDED_BY(mutex_);
-    suts_StgShipJob running_;       // ship thread: the job of the cycle that runs
-    suts_StgShipBatch batch_;       // ship thread: messages and records being assembled
-    sutl_Descriptor firstSocket_;   // carries the messages
-    sutl_Descriptor secondSocket_;  // carries nothing
-    sutl_Thread thread_;            // started last
+    suts_StgShipJob running_;  // ship thread: the job of the cycle that runs
+    suts_StgShipBatch batch_;  // ship thread: messages and records being assembled
+    suts_StgShipLink link_;    // ship thread, until it has ended
+    sutl_Thread thread_;       // started last
 };
 
 // Body of the ship thread.

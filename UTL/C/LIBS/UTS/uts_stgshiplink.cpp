@@ -1,0 +1,95 @@
+#include "uts_stgshiplink.h"
+
+#include <netdb.h>
+#include <sys/socket.h>
+
+#include <cstdio>
+#include <cstring>
+#include <utility>
+
+#include "sutl_frame.h"
+#include "sutl_tcpsocket.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+constexpr seconds ATTEMPT_INTERVAL(5);
+constexpr milliseconds ATTEMPT_TIME(1000);  // for both connects together
+// A listener that nobody accepts from takes a first few messages and then no more.
+constexpr int RENEWED_SEND_TIMEOUT_S = 10;
+
+}  // namespace
+
+suts_StgShipLink::suts_StgShipLink(char const* host, unsigned short port1, unsigned short port2)
+    : lost_(!Connect(host, port1, port2)) {}
+
+bool suts_StgShipLink::Connect(char const* host, unsigned short port1, unsigned short port2) {
+    for (sutl_Descriptor* socket : {&firstSocket_, &secondSocket_}) {
+        *socket = sutl_OpenTcpSocket();
+        if (!socket->IsOpen()) {
+            perror("Socket open failed:");
+            return false;
+        }
+    }
+    sutl_SetNoDelay(firstSocket_);
+    sutl_SetNoDelay(secondSocket_);
+    hostent const* const found = gethostbyname(host);
+    if (found == nullptr || found->h_addrtype != AF_INET || found->h_addr_list[0] == nullptr) {
+        fprintf(stderr, "ERROR: Hostname lookup for %s failed! \n", host);
+        return false;
+    }
+    unsigned short const ports[] = {port1, port2};
+    for (int i = 0; i < 2; ++i) {
+        addresses_[i].sin_family = AF_INET;
+        memcpy(&addresses_[i].sin_addr, found->h_addr_list[0], sizeof addresses_[i].sin_addr);
+        addresses_[i].sin_port = htons(ports[i]);
+    }
+    if (!sutl_Connect(firstSocket_, addresses_[0]) || !sutl_Connect(secondSocket_, addresses_[1])) {
+        perror("ERROR TCPClient connection failed! ");
+        return false;
+    }
+    return true;
+}
+
+void suts_StgShipLink::Send(sutl_NetorderByteField& message, unsigned long records) {
+    if (sutl_SendFrame(firstSocket_.Get(), message)) return;
+    lost_ = true;
+    ++lostMessages_;
+    lostRecords_ += records;
+    // Part of the message may be on its way: nothing must follow it that would be taken for its rest.
+    shutdown(firstSocket_.Get(), SHUT_RDWR);
+}
+
+bool suts_StgShipLink::Renew() {
+    if (!lost_ || addresses_[0].sin_family != AF_INET) return false;
+    Clock::time_point const now = Clock::now();
+    if (now < nextAttempt_) return false;
+    nextAttempt_ = now + ATTEMPT_INTERVAL;
+    Clock::time_point const deadline = now + ATTEMPT_TIME;
+
+    sutl_Descriptor first = sutl_OpenTcpSocket();
+    sutl_Descriptor second = sutl_OpenTcpSocket();
+    if (!first.IsOpen() || !second.IsOpen()) return false;
+    // The second first: where it is refused, no stray connection has met the first port, whose consumer would have
+    // taken it for the one with the messages.
+    if (!sutl_ConnectBefore(deadline, second, addresses_[1])) return false;
+    if (!sutl_ConnectBefore(deadline, first, addresses_[0])) return false;
+    sutl_SetNoDelay(first);
+    sutl_SetNoDelay(second);
+    sutl_SetSendTimeout(first, RENEWED_SEND_TIMEOUT_S);
+    firstSocket_ = std::move(first);
+    secondSocket_ = std::move(second);
+    fprintf(stderr, "TShp: Connected again, at least %lu messages with %lu records were lost\n", lostMessages_,
+            lostRecords_);
+    lost_ = false;
+    lostMessages_ = 0;
+    lostRecords_ = 0;
+    return true;
+}
+
+void suts_StgShipLink::Close() {
+    firstSocket_.Close();
+    secondSocket_.Close();
+}
