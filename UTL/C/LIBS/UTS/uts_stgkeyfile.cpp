@@ -1,6 +1,7 @@
 #include "uts_stgkeyfile.h"
 
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -17,6 +18,12 @@ constexpr long TRUSTED_LENGTH_END = 1024;
 // A length that the end of the file cuts short is believed below this.
 constexpr long CUT_LENGTH_END = 65536;
 
+// What a full disk has let through of an entry must not stand before the next one.
+void RemoveLastBytes(sutl_Descriptor const& file, long bytes) {
+    off_t const end = lseek(file.Get(), -bytes, SEEK_CUR);
+    if (end >= 0 && ftruncate(file.Get(), end) != 0) perror("sutl_FileWrite error: ");
+}
+
 }  // namespace
 
 void suts_AppendKey(sutl_Descriptor const& keyFile, sutl_RawBytefield const& key, bool withLength) {
@@ -28,7 +35,9 @@ void suts_AppendKey(sutl_Descriptor const& keyFile, sutl_RawBytefield const& key
         entry.insert(entry.end(), length, length + sizeof length);
     }
     entry.insert(entry.end(), key.Data(), key.Data() + key.length);
-    if (!entry.empty()) sutl_FileWrite(keyFile.Get(), entry.data(), entry.size());
+    if (entry.empty()) return;
+    long const written = sutl_FileWrite(keyFile.Get(), entry.data(), entry.size());
+    if (written < 0) RemoveLastBytes(keyFile, -written);
 }
 
 suts_StgKeyFileReader::suts_StgKeyFileReader(suts_tsspec const& spec, char const* directory)

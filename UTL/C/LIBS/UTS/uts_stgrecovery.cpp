@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <charconv>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <string_view>
 
@@ -36,6 +37,17 @@ int NumberOf(std::string_view name) {
     return error == std::errc() && end == name.end() ? number : -1;
 }
 
+// Null at the end. A directory that cannot be read to its end ends the process: what it holds is not known.
+dirent const* NextEntry(DIR* entries) {
+    errno = 0;
+    dirent const* const entry = readdir(entries);
+    if (entry == nullptr && errno != 0) {
+        perror("Recovery directory read failed: ");
+        abort();
+    }
+    return entry;
+}
+
 std::string FilePath(std::string const& directory, unsigned long number) {
     return directory + "/F" + std::to_string(number);
 }
@@ -49,7 +61,7 @@ unsigned int suts_Recovery_LowestRecovFileIndex(char const* directory, int after
         abort();
     }
     int lowest = 0;
-    while (dirent const* const entry = readdir(entries.get())) {
+    while (dirent const* const entry = NextEntry(entries.get())) {
         std::string_view const name = entry->d_name;
         if (name == "KeyFile" || name.starts_with('.')) continue;
         int const number = NumberOf(name);
@@ -283,6 +295,7 @@ int suts_StgRecoveryPlayback::StartAsyncRead() {
     auto const number = static_cast<int>(suts_Recovery_LowestRecovFileIndex(directory_.c_str(), 0));
     if (number > 0) file_ = NewFileToRead(number);
     if (!file_.IsOpen()) {
+        if (number > 0 && ReportUnopened(number)) return -1;
         fprintf(stderr, " Playback info, only keyfile, no uncovered data,  in %s \n", directory_.c_str());
         return -1;
     }
@@ -320,7 +333,16 @@ bool suts_StgRecoveryPlayback::OpenNextFile() {
     if (next <= fileNumber_) return false;
     fileNumber_ = next;
     file_ = NewFileToRead(next);
+    if (writer_ == nullptr && !file_.IsOpen()) ReportUnopened(next);
     return file_.IsOpen();
+}
+
+// After a failed open: false, and no report, when there is no such file.
+bool suts_StgRecoveryPlayback::ReportUnopened(int number) const {
+    if (errno == ENOENT) return false;
+    fprintf(stderr, "ERROR: Recovery file %s could not be opened, the replay ends before it: %s\n",
+            FilePath(directory_, static_cast<unsigned long>(number)).c_str(), strerror(errno));
+    return true;
 }
 
 bool suts_StgRecoveryPlayback::Refill(sutl_AssertSite const& site) {

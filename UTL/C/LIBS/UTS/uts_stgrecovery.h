@@ -184,6 +184,7 @@ class suts_StgRecoveryPlayback {
 
     [[nodiscard]] bool Refill(sutl_AssertSite const& site);  // false at the end of the stream
     [[nodiscard]] bool OpenNextFile();
+    bool ReportUnopened(int number) const;
     [[nodiscard]] int ReadBytes(unsigned char* to, int length);
     [[nodiscard]] Piece ReadField(int index, long end);
     [[nodiscard]] Piece ReadString(long end);

@@ -23,14 +23,14 @@ constexpr int RENEWED_SEND_TIMEOUT_S = 10;
 }  // namespace
 
 suts_StgShipLink::suts_StgShipLink(char const* host, unsigned short port1, unsigned short port2)
-    : lost_(!Connect(host, port1, port2)) {}
+    : state_(Connect(host, port1, port2)) {}
 
-bool suts_StgShipLink::Connect(char const* host, unsigned short port1, unsigned short port2) {
+suts_StgShipLink::State suts_StgShipLink::Connect(char const* host, unsigned short port1, unsigned short port2) {
     for (sutl_Descriptor* socket : {&firstSocket_, &secondSocket_}) {
         *socket = sutl_OpenTcpSocket();
         if (!socket->IsOpen()) {
             perror("Socket open failed:");
-            return false;
+            return LOST;
         }
     }
     sutl_SetNoDelay(firstSocket_);
@@ -38,7 +38,7 @@ bool suts_StgShipLink::Connect(char const* host, unsigned short port1, unsigned 
     hostent const* const found = gethostbyname(host);
     if (found == nullptr || found->h_addrtype != AF_INET || found->h_addr_list[0] == nullptr) {
         fprintf(stderr, "ERROR: Hostname lookup for %s failed! \n", host);
-        return false;
+        return LOST;
     }
     unsigned short const ports[] = {port1, port2};
     for (int i = 0; i < 2; ++i) {
@@ -46,16 +46,15 @@ bool suts_StgShipLink::Connect(char const* host, unsigned short port1, unsigned 
         memcpy(&addresses_[i].sin_addr, found->h_addr_list[0], sizeof addresses_[i].sin_addr);
         addresses_[i].sin_port = htons(ports[i]);
     }
-    if (!sutl_Connect(firstSocket_, addresses_[0]) || !sutl_Connect(secondSocket_, addresses_[1])) {
-        perror("ERROR TCPClient connection failed! ");
-        return false;
-    }
-    return true;
+    bool const firstConnected = sutl_Connect(firstSocket_, addresses_[0]);
+    if (firstConnected && sutl_Connect(secondSocket_, addresses_[1])) return CONNECTED;
+    perror("ERROR TCPClient connection failed! ");
+    return firstConnected ? SECOND_MISSING : LOST;
 }
 
 void suts_StgShipLink::Send(sutl_NetorderByteField& message, unsigned long records) {
     if (sutl_SendFrame(firstSocket_.Get(), message)) return;
-    lost_ = true;
+    state_ = LOST;
     ++lostMessages_;
     lostRecords_ += records;
     // Part of the message may be on its way: nothing must follow it that would be taken for its rest.
@@ -63,30 +62,33 @@ void suts_StgShipLink::Send(sutl_NetorderByteField& message, unsigned long recor
 }
 
 bool suts_StgShipLink::Renew() {
-    if (!lost_ || addresses_[0].sin_family != AF_INET) return false;
+    if (state_ == CONNECTED || addresses_[0].sin_family != AF_INET) return false;
     Clock::time_point const now = Clock::now();
     if (now < nextAttempt_) return false;
     nextAttempt_ = now + ATTEMPT_INTERVAL;
     Clock::time_point const deadline = now + ATTEMPT_TIME;
 
-    sutl_Descriptor first = sutl_OpenTcpSocket();
-    sutl_Descriptor second = sutl_OpenTcpSocket();
-    if (!first.IsOpen() || !second.IsOpen()) return false;
     // The second first: where it is refused, no stray connection has met the first port, whose consumer would have
     // taken it for the one with the messages.
+    bool const renewsFirst = state_ == LOST;
+    sutl_Descriptor first = renewsFirst ? sutl_OpenTcpSocket() : sutl_Descriptor();
+    sutl_Descriptor second = sutl_OpenTcpSocket();
+    if (first.IsOpen() != renewsFirst || !second.IsOpen()) return false;
     if (!sutl_ConnectBefore(deadline, second, addresses_[1])) return false;
-    if (!sutl_ConnectBefore(deadline, first, addresses_[0])) return false;
-    sutl_SetNoDelay(first);
+    if (renewsFirst) {
+        if (!sutl_ConnectBefore(deadline, first, addresses_[0])) return false;
+        sutl_SetNoDelay(first);
+        sutl_SetSendTimeout(first, RENEWED_SEND_TIMEOUT_S);
+        firstSocket_ = std::move(first);
+    }
     sutl_SetNoDelay(second);
-    sutl_SetSendTimeout(first, RENEWED_SEND_TIMEOUT_S);
-    firstSocket_ = std::move(first);
     secondSocket_ = std::move(second);
     fprintf(stderr, "TShp: Connected again, at least %lu messages with %lu records were lost\n", lostMessages_,
             lostRecords_);
-    lost_ = false;
+    state_ = CONNECTED;
     lostMessages_ = 0;
     lostRecords_ = 0;
-    return true;
+    return renewsFirst;
 }
 
 void suts_StgShipLink::Close() {

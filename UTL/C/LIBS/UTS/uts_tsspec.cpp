@@ -1,11 +1,15 @@
 #include "uts_tsspec.h"
 
+#include <fcntl.h>
+
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "sutl_assert.h"
+#include "sutl_descriptor.h"
 
 namespace {
 
@@ -13,12 +17,8 @@ constexpr sutl_AssertSite SITE_TYPES_COUNT = {"UTL/C/LIBS/UTS/uts_tsspec.h", 135
 constexpr sutl_AssertSite SITE_NAMES_COUNT = {"UTL/C/LIBS/UTS/uts_tsspec.h", 139};
 constexpr char TEXT_BAD_FILE[] = "ERROR, bad spec file!\n";
 
-constexpr int PIECE_BYTES = 4000;  // of the file per read, its NUL included; a token across two pieces becomes two
+constexpr std::size_t PIECE_BYTES_MAX = 3999;  // a token across two pieces becomes two
 constexpr char DELIMITERS[] = " \t\r\n";
-
-struct FileCloser {
-    void operator()(FILE* file) const { fclose(file); }
-};
 
 std::unique_ptr<char[]> CopyText(std::string_view text) {
     auto copy = std::make_unique<char[]>(text.size() + 1);
@@ -70,6 +70,41 @@ class TokenReader {
     enum { EXPECT_NAME, EXPECT_TYPE, EXPECT_FIELD_NAME } state_ = EXPECT_NAME;
 };
 
+// The file in pieces: up to the end of a line, or the greatest length.
+class PieceReader {
+ public:
+    explicit PieceReader(char const* path) : file_(sutl_OpenFile(path, O_RDONLY)) {}
+
+    [[nodiscard]] bool IsOpen() const { return file_.IsOpen(); }
+    [[nodiscard]] bool HasFailed() const { return fill_ < 0; }
+
+    // False at the end of the file, or when it cannot be read any further.
+    bool Next(std::string& piece) {
+        piece.clear();
+        while (piece.size() < PIECE_BYTES_MAX && !piece.ends_with('\n') && (position_ < fill_ || Refill())) {
+            char const* const from = block_ + position_;
+            auto const there = std::min(static_cast<std::size_t>(fill_ - position_), PIECE_BYTES_MAX - piece.size());
+            auto const* const lineEnd = static_cast<char const*>(memchr(from, '\n', there));
+            std::size_t const taken = lineEnd != nullptr ? static_cast<std::size_t>(lineEnd - from) + 1 : there;
+            piece.append(from, taken);
+            position_ += static_cast<long>(taken);
+        }
+        return !piece.empty() && !HasFailed();
+    }
+
+ private:
+    bool Refill() {
+        position_ = 0;
+        fill_ = sutl_ReadSome(file_.Get(), block_, sizeof block_);
+        return fill_ > 0;
+    }
+
+    sutl_Descriptor file_;
+    char block_[4096];
+    long position_ = 0;
+    long fill_ = 0;  // negative after a failed read
+};
+
 // Hands every token of the piece to the reader.
 bool TakeTokens(std::string_view piece, TokenReader& reader) {
     for (;;) {
@@ -85,8 +120,8 @@ bool TakeTokens(std::string_view piece, TokenReader& reader) {
 }  // namespace
 
 int suts_tsspec::Init(char const* path) {
-    std::unique_ptr<FILE, FileCloser> const file(fopen(path, "rb"));
-    if (file == nullptr) {
+    PieceReader file(path);
+    if (!file.IsOpen()) {
         fprintf(stderr, "ERROR suts_tspec: Cannot open specfile %s\n", path);
         return UNREADABLE;
     }
@@ -94,12 +129,12 @@ int suts_tsspec::Init(char const* path) {
 
     TokenReader reader;
     bool typesKnown = true;
-    char piece[PIECE_BYTES];
-    while (typesKnown && fgets(piece, sizeof piece, file.get()) != nullptr) typesKnown = TakeTokens(piece, reader);
+    std::string piece;
+    while (typesKnown && file.Next(piece)) typesKnown = TakeTokens(piece.c_str(), reader);
     name = std::move(reader.name);
     fieldCount = static_cast<int>(reader.fieldNames.size());
     if (!typesKnown) return UNREADABLE;
-    if (!reader.ExpectsType() && fieldCount < 2) {
+    if (file.HasFailed() || (!reader.ExpectsType() && fieldCount < 2)) {
         fputs("ERROR suts_tspec: Incomplete spec file!\n", stderr);
         return INCOMPLETE;
     }
