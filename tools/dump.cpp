@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <charconv>
 #include <cstring>
+#include <filesystem>
 
 #include "commands.h"
 #include "uts_stgrecovery.h"
@@ -120,6 +121,11 @@ ExitCode DumpCommand::CheckDirectory() const {
 
 ExitCode DumpCommand::WriteCsv() {
     if (ExitCode const checked = CheckColumns(spec_, {timeName_}); checked != DONE) return checked;
+    std::error_code unknown;
+    auto const folder = std::filesystem::absolute(outputPath_).parent_path();
+    if (outputPath_ != "-" && std::filesystem::equivalent(folder, directory_, unknown)) {
+        return Fail(USAGE, "{}: a recovery directory must hold nothing else; write the file elsewhere", outputPath_);
+    }
     RecordOutput output(RecordFormat::CSV, spec_, {}, timeName_);
     if (ExitCode const opened = OpenOutput(output); opened != DONE) return opened;
     suts_StgRecoveryPlayback playback(spec_, directory_.c_str());

@@ -1,10 +1,10 @@
-// Records, queries and ship messages against bytes that are written out a second time (wire.h), and against bytes that
-// are none.
+// Records, queries and ship messages against bytes that are written out a second time, and against bytes that are none.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <bit>
 #include <cmath>
+#include <cstdint>
 #include <filesystem>
 #include <limits>
 #include <memory>
@@ -14,11 +14,21 @@
 #include "brindle_framereader.h"
 #include "brindle_records.h"
 #include "brindle_shipreader.h"
-#include "wire.h"
 
 namespace {
 
-using namespace systest;
+std::string BigEndian(std::uint64_t value, int bytes) {
+    std::string out;
+    for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8) out.push_back(static_cast<char>(value >> shift & 0xFF));
+    return out;
+}
+std::string Big4(std::uint32_t value) { return BigEndian(value, 4); }
+std::string Big8(std::uint64_t value) { return BigEndian(value, 8); }
+std::string Int32(std::int64_t value) { return Big4(static_cast<std::uint32_t>(value)); }
+std::string Int64(std::int64_t value) { return Big8(static_cast<std::uint64_t>(value)); }
+std::string Float64(double value) { return Big8(std::bit_cast<std::uint64_t>(value)); }
+std::string Frame(std::string_view body) { return Big4(static_cast<std::uint32_t>(body.size())) + std::string(body); }
+std::string Text(std::string_view characters) { return Frame(std::string(characters) + '\0'); }
 
 // A schema of a text key and one field of each type.
 suts_tsspec const& Schema() {

@@ -99,42 +99,6 @@ TEST(TcpSockServer, WhatIsNotOpenIsNotClosed) {
     EXPECT_EQ(EDOM, errno) << "closing leaves the error of the call before it to perror";
 }
 
-TEST(TcpSockServer, RunningOutOfDescriptorsIsReported) {
-    std::string const opening = test::ErrorText("Socket open failed:", EMFILE);
-    struct {
-        char const* name;
-        rlim_t allowed;  // descriptors more than are open
-        bool listens, firstStaysOpen;
-        std::string text;
-    } const rows[] = {
-        {"first socket", 0, false, false, opening + AcceptText(EBADF)},
-        {"second socket", 1, false, false, opening + AcceptText(EMFILE)},
-        {"first accept", 0, true, false, AcceptText(EMFILE)},
-        {"second accept", 1, true, true, AcceptText(EMFILE)},
-    };
-    for (auto const& row : rows) {
-        sutl_TCPSockServer server;
-        sutl_Descriptor first, second;
-        if (row.listens) {
-            test::Ports const ports = test::ListenOnFreePorts(server);
-            first = test::ConnectTo(ports.first);
-            second = test::ConnectTo(ports.second);
-        }
-        test::ChildEnd const end = test::RunInChild([&] {
-            sutl_Descriptor lowestFree(dup(STDERR_FILENO));
-            rlim_t const limit = static_cast<rlim_t>(lowestFree.Get()) + row.allowed;
-            lowestFree.Close();
-            rlimit const limits = {limit, limit};
-            setrlimit(RLIMIT_NOFILE, &limits);
-            if (!row.listens) server.Listen(1, 2);
-            bool const accepted = server.AcceptPair();
-            return accepted || (server.FirstConnection() >= 0) != row.firstStaysOpen || server.SecondConnection() >= 0;
-        });
-        EXPECT_EQ(row.text, end.standardError) << row.name;
-        EXPECT_EQ(0, end.status) << row.name;
-    }
-}
-
 TEST(TcpSockServer, StopListeningWakesAnAcceptInAnotherThread) {
     for (bool const muted : {false, true}) {
         for (bool const firstConnected : {false, true}) {

@@ -40,40 +40,83 @@ std::string InfoText(Directory const& directory) {
     return " Playback info, only keyfile, no uncovered data,  in "s + directory.Path() + " \n";
 }
 
+// A log of many records, and what is known of every place in it.
+struct KnownLog {
+    explicit KnownLog(test::Random& random) {
+        records = {{1, "key\0"s, "i32.int64...float64.text\0"s},
+                   {2, "\0"s, "i32.int64...float64.\0"s},
+                   {3, "longer than inline\0"s, "i32.int64...float64.something longer\0"s}};
+        while (records.size() < 200) {
+            records.push_back({static_cast<long>(random() >> 1), "key" + std::to_string(test::Below(random, 9)) + '\0',
+                               test::RandomBytes(random, 20) + std::string(test::Below(random, 30), 'x') + '\0'});
+        }
+        for (Record const& record : records) {
+            std::size_t const key = bytes.size() + 12, value = key + record.key.size();
+            bytes += record.InLog();
+            ends.push_back(bytes.size());
+            quiet.insert({key, value, value + 4, value + 12, value + 20, bytes.size()});
+        }
+    }
+    // The records that end at or before this byte.
+    [[nodiscard]] std::vector<Record> Before(std::size_t byte) const {
+        return {records.begin(), records.begin() + (std::upper_bound(ends.begin(), ends.end(), byte) - ends.begin())};
+    }
+
+    Types const types = {SUTS_STRING64, SUTS_INT32, SUTS_INT64, SUTS_FLOAT64, SUTS_STRING64};
+    std::vector<Record> records;
+    std::string bytes;
+    std::vector<std::size_t> ends;      // of the records
+    std::set<std::size_t> quiet = {0};  // a cut here is no incomplete record: between records, or fields of one
+};
+
 TEST(Playback, KeepsWholeRecordsBeforeACut) {
     test::Random random = test::SeededRandom();
-    Types const types = {SUTS_STRING64, SUTS_INT32, SUTS_INT64, SUTS_FLOAT64, SUTS_STRING64};
-    Record const given[] = {{1, "key\0"s, "i32.int64...float64.text\0"s},
-                            {2, "\0"s, "i32.int64...float64.\0"s},
-                            {3, "longer than inline\0"s, "i32.int64...float64.something longer\0"s},
-                            {4, "key\0"s, test::RandomBytes(random, 20) + "end\0"s}};
-    std::string log;
-    std::vector<Record> records;
-    std::vector<std::size_t> ends = {0};
-    std::set<std::size_t> quiet = {0};  // between records, or between the fields of one
-    for (Record const& record : given) {
-        records.push_back(record);
-        std::size_t const value = log.size() + 12 + record.key.size();
-        quiet.insert({value - record.key.size(), value, value + 4, value + 12, value + 20});
-        log += record.InLog();
-        ends.push_back(log.size());
-        quiet.insert(log.size());
-    }
+    KnownLog const log(random);
     Directory const directory;
-    for (std::size_t cut = 0; cut <= log.size(); ++cut) {
+    for (std::size_t cut = 0; cut <= log.bytes.size(); ++cut) {
         SCOPED_TRACE(cut);
-        test::WriteFile(directory / "F4", log.substr(0, cut));
-        Replay const replay = ReplayOf(directory, types);
-        auto const whole = std::upper_bound(ends.begin(), ends.end(), cut) - ends.begin() - 1;
-        EXPECT_EQ(std::vector(records.begin(), records.begin() + whole), replay.records);
-        EXPECT_EQ(quiet.contains(cut) ? "" : INCOMPLETE_TEXT, replay.text);
+        test::WriteFile(directory / "F4", log.bytes.substr(0, cut));
+        Replay const replay = ReplayOf(directory, log.types);
+        EXPECT_EQ(log.Before(cut), replay.records);
+        EXPECT_EQ(log.quiet.contains(cut) ? "" : INCOMPLETE_TEXT, replay.text);
+        if (test::Below(random, 10) > 0) continue;
         // The same bytes in several files are one stream, with empty files among them.
         test::WriteFile(directory / "F5", "");
-        test::WriteFile(directory / "F12", log.substr(cut));
-        Replay const joined = ReplayOf(directory, types);
-        EXPECT_EQ(records, joined.records);
+        test::WriteFile(directory / "F12", log.bytes.substr(cut));
+        Replay const joined = ReplayOf(directory, log.types);
+        EXPECT_EQ(log.records, joined.records);
         EXPECT_EQ("", joined.text);
         for (char const* name : {"F5", "F12"}) std::filesystem::remove(directory / name);
+    }
+}
+
+// A crashed machine leaves zeros behind, or blocks that were never written. BRINDLE_DAMAGES asks for more of them.
+TEST(Playback, KeepsWholeRecordsBeforeDamage) {
+    test::Random random = test::SeededRandom();
+    KnownLog const log(random);
+    Directory const directory;
+    auto const expectOneWarningAtMost = [](Replay const& replay) {
+        EXPECT_TRUE(replay.text.empty() || replay.text == INCOMPLETE_TEXT) << replay.text;
+    };
+    for (std::size_t zeros = 1; zeros <= 4096; zeros += zeros < 100 ? 1 : 37) {
+        SCOPED_TRACE(zeros);
+        test::WriteFile(directory / "F1", log.bytes + std::string(zeros, '\0'));
+        Replay const replay = ReplayOf(directory, log.types);
+        EXPECT_EQ(log.records, replay.records);
+        expectOneWarningAtMost(replay);
+    }
+    char const* const wanted = std::getenv("BRINDLE_DAMAGES");
+    for (long left = wanted != nullptr ? std::atol(wanted) : 1000; left > 0; --left) {
+        std::string bytes = log.bytes;
+        std::size_t const place = test::Below(random, bytes.size());
+        SCOPED_TRACE(place);
+        bytes[place] = static_cast<char>(bytes[place] ^ (1 + test::Below(random, 255)));
+        test::WriteFile(directory / "F1", bytes);
+        Replay const replay = ReplayOf(directory, log.types);
+        std::vector<Record> const before = log.Before(place);
+        ASSERT_LE(before.size(), replay.records.size());
+        EXPECT_TRUE(std::equal(before.begin(), before.end(), replay.records.begin()));
+        expectOneWarningAtMost(replay);
     }
 }
 
