@@ -1,7 +1,9 @@
 #include "sutl_frame.h"
 
 #include <arpa/inet.h>
+#include <linux/sockios.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -40,12 +42,40 @@ bool ReceiveHeaderRest(int connection, unsigned char* header, std::size_t got) {
     return true;
 }
 
+// Tells a slow peer from one that takes nothing. A timed send waits for room in the system's buffer, which comes in
+// great steps; what lies in that buffer gets less all the while.
+class Stall {
+ public:
+    explicit Stall(int secondsMax) : timeMax_(secondsMax) {}
+
+    // After a send that has timed out: whether to go on. Keeps errno.
+    [[nodiscard]] bool IsBearable(int connection) {
+        int const sendError = errno;
+        int waiting = 0;
+        bool const known = ioctl(connection, SIOCOUTQ, &waiting) == 0;
+        errno = sendError;
+        Clock::time_point const now = Clock::now();
+        if (waiting < waiting_) {
+            waiting_ = waiting;
+            since_ = now;
+        }
+        return known && now - since_ < timeMax_;
+    }
+
+ private:
+    std::chrono::seconds const timeMax_;
+    int waiting_ = INT_MAX;    // bytes that the peer has not taken, at the last look at which they had become fewer,
+    Clock::time_point since_;  // and the time of that look
+};
+
 // Sends all of the bytes.
-bool SendAll(int connection, unsigned char const* bytes, std::size_t count, int flags) {
+bool SendAll(int connection, unsigned char const* bytes, std::size_t count, int flags, int stallSecondsMax) {
+    Stall stall(stallSecondsMax);
     while (count > 0) {
         ssize_t const sent = send(connection, bytes, count, flags | MSG_NOSIGNAL);
         if (sent < 0) {
             if (errno == EINTR) continue;
+            if (errno == EAGAIN && stallSecondsMax > 0 && stall.IsBearable(connection)) continue;
             return false;
         }
         bytes += sent;
@@ -98,11 +128,12 @@ sutl_FrameResult sutl_ReceiveFrame(int connection, sutl_NetorderByteField& field
     return declared == 0 ? FRAME_TERMINATION : FRAME_READY;
 }
 
-bool sutl_SendFrame(int connection, sutl_NetorderByteField& field, std::atomic<bool> const* muted, int lastFlags) {
+bool sutl_SendFrame(int connection, sutl_NetorderByteField& field, std::atomic<bool> const* muted, int lastFlags,
+                    int stallSecondsMax) {
     auto left = static_cast<unsigned int>(field.Count());
     unsigned int const header = htonl(left);
-    if (!SendAll(connection, reinterpret_cast<unsigned char const*>(&header), sizeof header,
-                 left == 0 ? lastFlags : 0)) {
+    if (!SendAll(connection, reinterpret_cast<unsigned char const*>(&header), sizeof header, left == 0 ? lastFlags : 0,
+                 stallSecondsMax)) {
         ReportError("ERROR  Sender:", muted);
         return false;
     }
@@ -112,7 +143,7 @@ bool sutl_SendFrame(int connection, sutl_NetorderByteField& field, std::atomic<b
         unsigned int const chunk = std::min(left, SUTL_TRANSFER_BYTES_MAX);
         field.GetNextBytes(buffer, chunk);
         left -= chunk;
-        if (!SendAll(connection, buffer, chunk, left == 0 ? lastFlags : 0)) {
+        if (!SendAll(connection, buffer, chunk, left == 0 ? lastFlags : 0, stallSecondsMax)) {
             ReportError("Socket Sender:", muted);
             return false;
         }

@@ -32,5 +32,8 @@ enum sutl_FrameResult {
 // Sends a sealed field, which is drained as far as it was sent. Blocks until the system has taken all of it. False
 // after a failure, which is reported here; the rest of the frame is then abandoned. lastFlags are added to the flags of
 // the last send of the frame. Nothing is printed once *muted is true.
+//
+// A connection whose sends time out (sutl_SetSendTimeout) is waited for all the same, but for a peer that takes nothing
+// for so many seconds: stallSecondsMax, or 0 for none.
 bool sutl_SendFrame(int connection, sutl_NetorderByteField& field, std::atomic<bool> const* muted = nullptr,
-                    int lastFlags = 0);
+                    int lastFlags = 0, int stallSecondsMax = 0);

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 
 namespace {
 
@@ -56,7 +57,7 @@ bool sutl_PollBefore(Clock::time_point deadline, int descriptor, short event) {
         int leftMs = -1;
         if (deadline != Clock::time_point::max()) {
             auto const left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-            leftMs = static_cast<int>(std::max<long>(left, 0));
+            leftMs = static_cast<int>(std::clamp<long>(left, 0, INT_MAX));
         }
         pollfd waited = {descriptor, event, 0};
         int const ready = poll(&waited, 1, leftMs);

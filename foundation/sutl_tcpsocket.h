@@ -20,7 +20,7 @@ void sutl_SetNoDelay(sutl_Descriptor const& socket);
 [[nodiscard]] bool sutl_ConnectBefore(std::chrono::steady_clock::time_point deadline, sutl_Descriptor const& socket,
                                       sockaddr_in const& address);
 
-// A send that makes no progress for so long fails with EAGAIN. The result of the call is of no consequence.
+// A send that waits for so long fails with EAGAIN, or has sent less. The result of the call is of no consequence.
 void sutl_SetSendTimeout(sutl_Descriptor const& socket, int seconds);
 
 // Waits until a poll event, or an error, is there before the deadline; a signal does not end the wait. False with errno

@@ -122,7 +122,7 @@ ExitCode DumpCommand::CheckDirectory() const {
 ExitCode DumpCommand::WriteCsv() {
     if (ExitCode const checked = CheckColumns(spec_, {timeName_}); checked != DONE) return checked;
     std::error_code unknown;
-    auto const folder = std::filesystem::absolute(outputPath_).parent_path();
+    auto const folder = std::filesystem::absolute(outputPath_, unknown).parent_path();
     if (outputPath_ != "-" && std::filesystem::equivalent(folder, directory_, unknown)) {
         return Fail(USAGE, "{}: a recovery directory must hold nothing else; write the file elsewhere", outputPath_);
     }

@@ -11,9 +11,9 @@
 namespace {
 
 constexpr char EXAMPLES[] =
-    R"(Start it before the server, which connects once. It ends when the server ends, or on Ctrl-C, with everything received
-so far written. The output is complete up to each end of cycle. Columns are the time in microseconds, then the fields
-of the schema. --blocks puts two more before them: the cycle, counted from 1, and the block of one key within it; the
+    R"(Start it before the server, which drops what nobody is there to take. It ends when the server ends, or on Ctrl-C, with
+everything received so far written. The output is complete up to each end of cycle. Columns are the time in
+microseconds, then the fields of the schema. --blocks puts two more before them: the cycle, counted from 1, and the block of one key within it; the
 records of a block are in order of time. A message that cannot be read is reported and skipped.
 A float64 that is no number is written inf, -inf, nan, or nan: and the 16 hexadecimal digits of its bits; in JSON lines
 as such a string. CSV holds texts as their bytes are; in JSON lines a text that is no UTF-8 becomes an object with its

@@ -1,6 +1,10 @@
 #include <sys/mman.h>
 
+#include <chrono>
+#include <thread>
+
 #include "sutl_frame.h"
+#include "sutl_tcpsocket.h"
 #include "test_support.h"
 
 namespace {
@@ -236,6 +240,35 @@ TEST(SendFrame, AClosedPeerIsReportedAndEndsNoProcess) {
     CaptureStderr();
     EXPECT_FALSE(sutl_SendFrame(sender.Get(), field));
     EXPECT_EQ(test::ErrorText("ERROR  Sender:", EPIPE), GetCapturedStderr());
+}
+
+// The buffer of the sender gets room in great steps only: a slow reader keeps it waiting for longer than one that takes
+// nothing may.
+TEST(SendFrame, WaitsForASlowPeerButNotForADeadOne) {
+    constexpr int STALL_SECONDS_MAX = 2;
+    constexpr int SLOW_READS = 16;
+    std::string const message(300000, 'x');
+    for (bool const reads : {true, false}) {
+        auto [sender, receiver] = test::SocketPair(SOCK_STREAM);
+        int const bufferBytes = 100000;
+        setsockopt(sender.Get(), SOL_SOCKET, SO_SNDBUF, &bufferBytes, sizeof bufferBytes);
+        sutl_SetSendTimeout(sender, 1);
+        std::string got;
+        std::jthread const peer = test::QuietThread([&got, reads, from = receiver.Get()] {
+            char buffer[4096];
+            for (int i = 0; reads && i < SLOW_READS; ++i) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(250));  // its pace
+                got.append(buffer, static_cast<std::size_t>(std::max(sutl_ReadSome(from, buffer, sizeof buffer), 0L)));
+            }
+            if (reads) got += test::ReadToEnd(from);
+        });
+        sutl_NetorderByteField field;
+        Fill(field, message);
+        CaptureStderr();
+        EXPECT_EQ(reads, sutl_SendFrame(sender.Get(), field, nullptr, 0, STALL_SECONDS_MAX));
+        EXPECT_EQ(reads ? "" : test::ErrorText("Socket Sender:", EAGAIN), GetCapturedStderr());
+        sender.Close();
+    }
 }
 
 }  // namespace

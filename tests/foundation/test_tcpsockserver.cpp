@@ -1,7 +1,10 @@
+#include <fcntl.h>
 #include <netinet/tcp.h>
 
+#include <chrono>
 #include <fstream>
 #include <sstream>
+#include <vector>
 
 #include "test_support.h"
 
@@ -128,6 +131,30 @@ TEST(TcpSockServer, StopListeningWakesAnAcceptInAnotherThread) {
             EXPECT_EQ(firstConnected, server.FirstConnection() >= 0);
         }
     }
+}
+
+TEST(ConnectBefore, GivesUpAtItsDeadline) {
+    sutl_TCPSockServer server;
+    test::Ports const ports = test::ListenOnFreePorts(server);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(ports.first);
+    auto const connect = [&](sutl_Descriptor const& socket) {
+        return sutl_ConnectBefore(std::chrono::steady_clock::now() + std::chrono::milliseconds(300), socket, address);
+    };
+    // Nobody accepts: the system answers until its queue is full.
+    std::vector<sutl_Descriptor> connections;
+    do {
+        ASSERT_LT(connections.size(), 20U);
+        connections.push_back(sutl_OpenTcpSocket());
+    } while (connect(connections.back()));
+    EXPECT_EQ(ETIMEDOUT, errno);
+    ASSERT_GT(connections.size(), 1U);
+    EXPECT_EQ(0, fcntl(connections[0].Get(), F_GETFL) & O_NONBLOCK);
+    server.ClosePort();
+    EXPECT_FALSE(connect(sutl_OpenTcpSocket()));
+    EXPECT_EQ(ECONNREFUSED, errno);
 }
 
 }  // namespace

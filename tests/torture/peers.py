@@ -8,6 +8,7 @@ import random
 import socket
 import struct
 from collections.abc import Callable
+from contextlib import suppress
 from pathlib import Path
 
 import wire
@@ -15,6 +16,7 @@ from load import CODEC, START_US, Feed, Ledger, hold
 from running import Consumer, Failure, Producer, QueryClient, Session, connect, reset, wait_until
 
 CONNECTED_AGAIN = "TShp: Connected again, at least "
+ATTEMPT_INTERVAL = 5  # seconds between two attempts to connect to a lost consumer
 SHORT_ROUNDS = 500
 FULL_ROUNDS = 5000
 
@@ -96,8 +98,11 @@ def lost_consumer(binaries: Path, drop: Callable[[Consumer], None]) -> str:
     """The connection is lost; the server goes on, connects again, and says what was lost."""
     with Loaded(binaries) as load:
         load.wait_cycles(2)
+        descriptors = load.server.descriptors()
         drop(load.consumer)
         load.server.wait_told(CONNECTED_AGAIN)
+        if load.server.descriptors() != descriptors:
+            raise Failure(f"{descriptors} descriptors before, {load.server.descriptors()} after")
         load.answers()
         keys = len(set(load.ledger.keys))
         load.wait_cycles(2)
@@ -134,8 +139,10 @@ def never_there(binaries: Path) -> str:
             client = other.query()
             wait_until("the records in the window", lambda: client.ask(CODEC.encode_query(1, 0, 2**63)))
             client.close()
-            # One bucket advance came with the first record: its cycle has begun before the records were found.
+            # One bucket advance came with the first record: its cycle has begun before the records were found. The next
+            # attempt would be free to go by now.
             other.server.wait_told("TShp: termination sent")
+            hold(ATTEMPT_INTERVAL * 1.1, lambda: None)
             other.consumer.listen()
             producer.close()
             if other.server.wait_end() != 0 or other.consumer.received:
@@ -158,6 +165,28 @@ def comes_late(binaries: Path) -> str:
         return f"{missing} of {load.feed.sent} records lost and told, the others delivered"
 
 
+def attempts(binaries: Path) -> str:
+    """While the first port is refused, attempts are rare, and only the second port sees them."""
+    with Loaded(binaries, listening=False) as load, socket.socket() as listener:
+        listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        listener.bind(("127.0.0.1", load.consumer.ports[1]))
+        listener.listen(100)
+        listener.settimeout(0)
+        load.wait_cycles(1)
+        seconds = 2.5 * ATTEMPT_INTERVAL
+        hold(seconds, lambda: None)
+        seen = 0
+        with suppress(BlockingIOError):
+            while True:
+                listener.accept()[0].close()
+                seen += 1
+        cycles = load.server.errors().count(" TShp: Starting..")
+        if not 2 <= seen <= 4 or cycles < 10:
+            raise Failure(f"{seen} attempts in {seconds:g} s and {cycles} cycles")
+        load.end(lost=True)
+        return f"{seen} attempts in {cycles} cycles"
+
+
 def nobody_accepts(binaries: Path) -> str:
     """A listener that is connected to anew and never accepts: sends stop, time out, and the run ends in order."""
     with Loaded(binaries, rate=50_000, listening=False) as load:
@@ -170,7 +199,8 @@ def nobody_accepts(binaries: Path) -> str:
             listener.listen(1)
             listeners.append(listener)
         load.server.wait_told(CONNECTED_AGAIN)
-        load.server.wait_told("Socket Sender:: Resource temporarily unavailable", seconds=60)
+        wait_until("a send that gives up", lambda: "Sender:: Resource temporarily unavailable" in load.server.errors(),
+                   60)
         load.end(lost=True)
         for listener in listeners:
             listener.close()
@@ -348,6 +378,7 @@ def run(report, count: int | None, options) -> None:
     report.scenario("consumer closes its second connection", lambda _: second_closed(binaries))
     report.scenario("consumer was never there", lambda _: never_there(binaries))
     report.scenario("consumer comes late", lambda _: comes_late(binaries))
+    report.scenario("attempts to connect again", lambda _: attempts(binaries))
     report.scenario("consumer listens and never accepts", lambda _: nobody_accepts(binaries))
     for name, misbehave, text in (
             ("sends garbage", None, "Shutting down"),

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 namespace {
@@ -37,7 +38,8 @@ void suts_AppendKey(sutl_Descriptor const& keyFile, sutl_RawBytefield const& key
     entry.insert(entry.end(), key.Data(), key.Data() + key.length);
     if (entry.empty()) return;
     long const written = sutl_FileWrite(keyFile.Get(), entry.data(), entry.size());
-    if (written < 0) RemoveLastBytes(keyFile, -written);
+    long const writtenBytes = std::abs(written);  // negated after an error
+    if (writtenBytes < static_cast<long>(entry.size())) RemoveLastBytes(keyFile, writtenBytes);
 }
 
 suts_StgKeyFileReader::suts_StgKeyFileReader(suts_tsspec const& spec, char const* directory)

@@ -339,9 +339,10 @@ bool suts_StgRecoveryPlayback::OpenNextFile() {
 
 // After a failed open: false, and no report, when there is no such file.
 bool suts_StgRecoveryPlayback::ReportUnopened(int number) const {
-    if (errno == ENOENT) return false;
+    int const openError = errno;
+    if (openError == ENOENT) return false;
     fprintf(stderr, "ERROR: Recovery file %s could not be opened, the replay ends before it: %s\n",
-            FilePath(directory_, static_cast<unsigned long>(number)).c_str(), strerror(errno));
+            FilePath(directory_, static_cast<unsigned long>(number)).c_str(), strerror(openError));
     return true;
 }
 

@@ -18,33 +18,40 @@ using std::chrono::seconds;
 constexpr seconds ATTEMPT_INTERVAL(5);
 constexpr milliseconds ATTEMPT_TIME(1000);  // for both connects together
 // A listener that nobody accepts from takes a first few messages and then no more.
-constexpr int RENEWED_SEND_TIMEOUT_S = 10;
+constexpr int RENEWED_STALL_SECONDS_MAX = 10;
+constexpr int SEND_TIMEOUT_S = 1;  // between two looks at whether the peer takes anything
 
 }  // namespace
 
 suts_StgShipLink::suts_StgShipLink(char const* host, unsigned short port1, unsigned short port2)
     : state_(Connect(host, port1, port2)) {}
 
-suts_StgShipLink::State suts_StgShipLink::Connect(char const* host, unsigned short port1, unsigned short port2) {
-    for (sutl_Descriptor* socket : {&firstSocket_, &secondSocket_}) {
-        *socket = sutl_OpenTcpSocket();
-        if (!socket->IsOpen()) {
-            perror("Socket open failed:");
-            return LOST;
-        }
-    }
-    sutl_SetNoDelay(firstSocket_);
-    sutl_SetNoDelay(secondSocket_);
+// The host's first address with either port. False when it has none.
+bool suts_StgShipLink::LookUp(char const* host, unsigned short port1, unsigned short port2) {
     hostent const* const found = gethostbyname(host);
-    if (found == nullptr || found->h_addrtype != AF_INET || found->h_addr_list[0] == nullptr) {
-        fprintf(stderr, "ERROR: Hostname lookup for %s failed! \n", host);
-        return LOST;
-    }
+    if (found == nullptr || found->h_addrtype != AF_INET || found->h_addr_list[0] == nullptr) return false;
     unsigned short const ports[] = {port1, port2};
     for (int i = 0; i < 2; ++i) {
         addresses_[i].sin_family = AF_INET;
         memcpy(&addresses_[i].sin_addr, found->h_addr_list[0], sizeof addresses_[i].sin_addr);
         addresses_[i].sin_port = htons(ports[i]);
+    }
+    return true;
+}
+
+suts_StgShipLink::State suts_StgShipLink::Connect(char const* host, unsigned short port1, unsigned short port2) {
+    for (sutl_Descriptor* socket : {&firstSocket_, &secondSocket_}) {
+        *socket = sutl_OpenTcpSocket();
+        if (socket->IsOpen()) continue;
+        perror("Socket open failed:");
+        static_cast<void>(LookUp(host, port1, port2));  // for a later attempt
+        return LOST;
+    }
+    sutl_SetNoDelay(firstSocket_);
+    sutl_SetNoDelay(secondSocket_);
+    if (!LookUp(host, port1, port2)) {
+        fprintf(stderr, "ERROR: Hostname lookup for %s failed! \n", host);
+        return LOST;
     }
     bool const firstConnected = sutl_Connect(firstSocket_, addresses_[0]);
     if (firstConnected && sutl_Connect(secondSocket_, addresses_[1])) return CONNECTED;
@@ -53,7 +60,7 @@ suts_StgShipLink::State suts_StgShipLink::Connect(char const* host, unsigned sho
 }
 
 void suts_StgShipLink::Send(sutl_NetorderByteField& message, unsigned long records) {
-    if (sutl_SendFrame(firstSocket_.Get(), message)) return;
+    if (sutl_SendFrame(firstSocket_.Get(), message, nullptr, 0, stallSecondsMax_)) return;
     state_ = LOST;
     ++lostMessages_;
     lostRecords_ += records;
@@ -78,7 +85,8 @@ bool suts_StgShipLink::Renew() {
     if (renewsFirst) {
         if (!sutl_ConnectBefore(deadline, first, addresses_[0])) return false;
         sutl_SetNoDelay(first);
-        sutl_SetSendTimeout(first, RENEWED_SEND_TIMEOUT_S);
+        sutl_SetSendTimeout(first, SEND_TIMEOUT_S);
+        stallSecondsMax_ = RENEWED_STALL_SECONDS_MAX;
         firstSocket_ = std::move(first);
     }
     sutl_SetNoDelay(second);

@@ -37,12 +37,14 @@ class suts_StgShipLink {
         LOST             // the first has failed, in a connect or a send
     };
 
+    [[nodiscard]] bool LookUp(char const* host, unsigned short port1, unsigned short port2);
     State Connect(char const* host, unsigned short port1, unsigned short port2);
 
-    sockaddr_in addresses_[2] = {};  // of the consumer; no family when the host was not found
-    sutl_Descriptor firstSocket_;    // carries the messages
-    sutl_Descriptor secondSocket_;   // carries nothing
-    State state_;
+    sockaddr_in addresses_[2] = {};       // of the consumer; no family when the host was not found
+    sutl_Descriptor firstSocket_;         // carries the messages
+    sutl_Descriptor secondSocket_;        // carries nothing
+    State state_;                         // set by Connect, after the two sockets
+    int stallSecondsMax_ = 0;             // of the first socket: a renewed one is given up when its peer takes nothing
     unsigned long lostMessages_ = 0;      // not sent, or not whole, since the link was lost,
     unsigned long lostRecords_ = 0;       // and the records in them
     Clock::time_point nextAttempt_ = {};  // not before this
