@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <mutex>
 
 #include "sutl_assert.h"
 
@@ -26,11 +27,18 @@ std::string& Collected() {
     return text;
 }
 
+// The stream's own lock does the same, but the thread sanitizer does not see it.
+std::mutex& CollectedLock() {
+    static std::mutex lock;
+    return lock;
+}
+
 // Never closed: threads of the code under test may still hold it.
 FILE* Collector() {
     static FILE* const stream = [] {
         cookie_io_functions_t functions = {};
         functions.write = [](void*, char const* bytes, std::size_t count) {
+            std::lock_guard const lock(CollectedLock());
             Collected().append(bytes, count);
             return static_cast<ssize_t>(count);
         };
@@ -51,6 +59,7 @@ void Require(bool holds, char const* fact) {
 }
 
 Messages::Messages() : standardError_(stderr) {
+    std::lock_guard const lock(CollectedLock());
     Collected().clear();
     stderr = Collector();
 }
