@@ -1,5 +1,9 @@
 #include "uts_stgkeyindex.h"
 
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
 namespace {
 
 // Nodes with everything they own, children first.
@@ -14,6 +18,63 @@ void FreeSubtree(sutl_TRBTree_node* node) {
 }
 
 }  // namespace
+
+unsigned long suts_StgKeyTable::Hash(sutl_RawBytefield const& key) {
+    constexpr unsigned long ODD = 0x9e3779b97f4a7c15;
+    auto const bytes = static_cast<std::size_t>(key.length);
+    unsigned long hash = bytes;
+    for (std::size_t at = 0; at < bytes; at += sizeof hash) {
+        unsigned long word = 0;
+        memcpy(&word, key.Data() + at, std::min(bytes - at, sizeof word));
+        hash = (hash ^ word) * ODD;
+        hash ^= hash >> 32;
+    }
+    return hash;
+}
+
+suts_StgKeyTable::Result suts_StgKeyTable::Find(sutl_RawBytefield const& key, suts_StgKeyNode*& node) const {
+    unsigned long const hash = Hash(key);
+    for (std::size_t step = 0; step < WAY_MAX && !slots_.empty(); ++step) {
+        Slot const& slot = slots_[(hash + step) & (slots_.size() - 1)];
+        if (slot.node == nullptr) break;
+        if (slot.hash == hash && sutl_CompareKeys(key, slot.node->key) == 0) {
+            node = slot.node;
+            return FOUND;
+        }
+    }
+    return complete_ ? ABSENT : UNKNOWN;
+}
+
+void suts_StgKeyTable::Add(suts_StgKeyNode* node) {
+    if (4 * used_ >= 3 * slots_.size()) Grow();
+    Slot const entry = {Hash(node->key), node};
+    while (!Put(entry)) {
+        if (slots_.size() > NEARLY_EMPTY * used_) {
+            complete_ = false;
+            return;
+        }
+        Grow();
+    }
+    ++used_;
+}
+
+// False when the slots where it may lie are taken.
+bool suts_StgKeyTable::Put(Slot const& entry) {
+    for (std::size_t step = 0; step < WAY_MAX; ++step) {
+        Slot& slot = slots_[(entry.hash + step) & (slots_.size() - 1)];
+        if (slot.node != nullptr) continue;
+        slot = entry;
+        return true;
+    }
+    return false;
+}
+
+void suts_StgKeyTable::Grow() {
+    std::vector<Slot> const former = std::exchange(slots_, std::vector<Slot>(std::max(2 * slots_.size(), SLOTS_MIN)));
+    for (Slot const& slot : former) {
+        if (slot.node != nullptr && !Put(slot)) complete_ = false;
+    }
+}
 
 suts_StgKeyIndex::~suts_StgKeyIndex() { FreeSubtree(tree_.Root()); }
 
@@ -47,6 +108,7 @@ suts_StgKeyNode* suts_StgKeyIndex::Insert(sutl_RawBytefield const& key) {
     auto* const node = new suts_StgKeyNode;
     node->key = key;
     tree_.Link(node, parent, side);
+    table_.Add(node);
     list_.Append(node->key, node);
     return node;
 }

@@ -1,6 +1,8 @@
 // The key index: every distinct key seen, with its bucket set.
 #pragma once
 
+#include <vector>
+
 #include "sutl_list.h"
 #include "sutl_locks.h"
 #include "sutl_rawbytefield.h"
@@ -19,6 +21,37 @@ struct suts_StgKeyListEntry {
     suts_StgKeyNode* node;
 };
 
+// Finds nodes by a hash of their keys, in a step or two where a tree of many keys takes twenty. Nodes are only added.
+// Owned by the index, for the thread that writes it.
+class suts_StgKeyTable {
+ public:
+    enum Result { FOUND, ABSENT, UNKNOWN };
+
+    // Sets node where one is found. Unknown only when keys that collide too often were left out.
+    [[nodiscard]] Result Find(sutl_RawBytefield const& key, suts_StgKeyNode*& node) const;
+    void Add(suts_StgKeyNode* node);  // whose key is new
+
+ private:
+    // A key lies at most so many slots behind its first: one that finds no place makes the table grow, or is left out
+    // where the table is nearly empty.
+    static constexpr std::size_t WAY_MAX = 32;
+    static constexpr std::size_t SLOTS_MIN = 64;
+    static constexpr std::size_t NEARLY_EMPTY = 8;  // slots per key
+
+    struct Slot {
+        unsigned long hash;
+        suts_StgKeyNode* node;  // null in an empty slot
+    };
+
+    [[nodiscard]] static unsigned long Hash(sutl_RawBytefield const& key);
+    [[nodiscard]] bool Put(Slot const& entry);
+    void Grow();
+
+    std::vector<Slot> slots_;  // a power of two of them, or none
+    std::size_t used_ = 0;
+    bool complete_ = true;  // no key was left out
+};
+
 // A tree in key order (sutl_CompareKeys) and a list in the order in which the keys were first seen. Both only grow.
 // Owned by suts_StgOrganizer, whose thread is the only writer: it looks up without the lock and holds it for writing
 // while it inserts. The ship and query threads hold it for reading, and release it before they take a bucket set's
@@ -35,8 +68,9 @@ class suts_StgKeyIndex {
         return FindUnlocked(key);
     }
     // The same for the organizer thread, which needs no lock to read what it alone writes.
-    [[nodiscard]] suts_StgKeyNode* FindAsWriter(sutl_RawBytefield const& key) const SUTL_NO_THREAD_SAFETY_ANALYSIS {
-        return FindUnlocked(key);
+    [[nodiscard]] suts_StgKeyNode* FindAsWriter(sutl_RawBytefield const& key) const {
+        suts_StgKeyNode* node = nullptr;
+        return table_.Find(key, node) == suts_StgKeyTable::UNKNOWN ? FindUnlocked(key) : node;
     }
 
     // The key's node, made if there is none; the key's heap array then belongs to the node. Where there is one already
@@ -60,6 +94,7 @@ class suts_StgKeyIndex {
     }
     [[nodiscard]] suts_StgKeyNode* FindUnlocked(sutl_RawBytefield const& key) const SUTL_NO_THREAD_SAFETY_ANALYSIS;
 
+    suts_StgKeyTable table_;  // of the tree's nodes; the organizer thread's
     sutl_TRBTree_base tree_ SUTL_GUARDED_BY(lock);
     sutl_LIST<suts_StgKeyListEntry> list_ SUTL_GUARDED_BY(lock);
 };
