@@ -492,15 +492,18 @@ def judge_one(session: Session, load: Load, outcome: Outcome, *endings: Ending) 
     return judge(session, Kind(load, "", [], list(endings), silent=True), 1, outcome, {})
 
 
-def full_disk(binaries: Path, source: random.Random) -> str:
-    """Nothing is shipped before the disk is full."""
-    load = Load("full", [], crowd(source, 2000))
-    with small_disk("size=64k") as disk:
+def on_disk(binaries: Path, options: str, load: Load, *endings: Ending) -> str:
+    with small_disk(options) as disk:
         if not disk:
             return NO_MOUNT
         with Session(binaries, SCHEMA.text) as session:
             session.recovery = disk
-            return judge_one(session, load, play(session, load), LOG_WRITE, NOT_CREATED)
+            return judge_one(session, load, play(session, load), *endings)
+
+
+def full_disk(binaries: Path, source: random.Random) -> str:
+    """Nothing is shipped before the disk is full."""
+    return on_disk(binaries, "size=64k", Load("full", [], crowd(source, 2000)), LOG_WRITE, NOT_CREATED)
 
 
 def full_disk_and_freed(binaries: Path, source: random.Random) -> str:
@@ -536,13 +539,7 @@ def full_disk_and_freed(binaries: Path, source: random.Random) -> str:
 
 
 def read_only_disk(binaries: Path, source: random.Random) -> str:
-    load = Load("read-only", [], crowd(source, 50))
-    with small_disk("size=64k,ro") as disk:
-        if not disk:
-            return NO_MOUNT
-        with Session(binaries, SCHEMA.text) as session:
-            session.recovery = disk
-            return judge_one(session, load, play(session, load), NOT_CREATED)
+    return on_disk(binaries, "size=64k,ro", Load("read-only", [], crowd(source, 50)), NOT_CREATED)
 
 
 def read_only_directory(binaries: Path, source: random.Random) -> str:
