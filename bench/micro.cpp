@@ -66,6 +66,13 @@ struct Record {
     sutl_RawBytefield value;
 };
 
+// A value with an array of its own.
+sutl_RawBytefield Copy(sutl_RawBytefield const& field) {
+    sutl_RawBytefield copy;
+    copy.Assign(field.Data(), field.length);
+    return copy;
+}
+
 // All records of a workload, decoded; they stay for the life of the program.
 std::vector<Record> Decode(bench_Workload const& workload) {
     std::vector<Record> records;
@@ -78,9 +85,11 @@ std::vector<Record> Decode(bench_Workload const& workload) {
                           end - from - SUTL_FRAME_HEADER_BYTES);
         field.Seal();
         field.StartReading();
-        decoder.StartFrame();
-        for (Record record; field.Count() > 0; records.push_back(record)) {
-            if (!decoder.Next(field, record.time, record.key, record.value)) abort();
+        decoder.StartFrame(field);
+        for (Record record; !decoder.FrameIsDone(); records.push_back(record)) {
+            if (!decoder.Next(record.time, record.key, record.value)) abort();
+            record.key = Copy(record.key);
+            record.value = Copy(record.value);
         }
         from = end;
     }
@@ -91,13 +100,6 @@ std::vector<Record> const& Records(long keys = 0) {
     static std::vector<Record> const few = Decode(Ticks());
     static std::vector<Record> const many = Decode(Ticks(200000));
     return keys > 1000 ? many : few;
-}
-
-// A value with an array of its own.
-sutl_RawBytefield Copy(sutl_RawBytefield const& field) {
-    sutl_RawBytefield copy;
-    copy.Assign(field.Data(), field.length);
-    return copy;
 }
 
 void Items(benchmark::State& state, long perIteration) { state.SetItemsProcessed(state.iterations() * perIteration); }
@@ -124,11 +126,10 @@ void Translation(benchmark::State& state) {
     long records = 0;
     for (auto _ : state) {
         FillFrame(field);
-        decoder.StartFrame();
-        for (Record record; field.Count() > 0; ++records) {
-            if (!decoder.Next(field, record.time, record.key, record.value)) abort();
-            record.key.Clear();
-            record.value.Clear();
+        decoder.StartFrame(field);
+        for (Record record; !decoder.FrameIsDone(); ++records) {
+            if (!decoder.Next(record.time, record.key, record.value)) abort();
+            benchmark::DoNotOptimize(record);
         }
     }
     state.SetItemsProcessed(records);
@@ -154,6 +155,7 @@ void Take(benchmark::State& state) {
     Directory const directory;
     suts_StgRecovery log(directory.Path().c_str());
     suts_StgROTransfer transfer(Spec(), log);
+    sutl_ByteQueue kept;
     std::vector<suts_StgFileRecord*> files;
     std::size_t next = 0;
     for (auto _ : state) {
@@ -161,16 +163,15 @@ void Take(benchmark::State& state) {
         for (long i = 0; i < state.range(0); ++i) {
             Record const& record = Records()[next++ % RECORDS];
             suts_StgLogPosition const position = log.AppendRecord(record.time, record.key, record.value);
-            transfer.Put({log.CountRecord(), record.time, Copy(record.key), Copy(record.value)}, position);
+            transfer.Put({log.CountRecord(), record.time, record.key, record.value}, position);
         }
         files.clear();
         state.ResumeTiming();
         suts_StgROTransfer::QEntry entry;
         while (transfer.Queued() > 0) {
-            transfer.Take(entry);
+            kept.Clear();
+            transfer.Take(entry, kept);
             files.push_back(entry.file);
-            entry.first.Clear();
-            entry.second.Clear();
         }
         state.PauseTiming();
         for (suts_StgFileRecord* const file : files) log.Mark(file);
@@ -183,31 +184,30 @@ BENCHMARK(Take)->Arg(500)->Arg(20000);
 void Lookup(benchmark::State& state) {
     suts_StgKeyIndex index;
     for (Record const& record : Records(state.range(0))) {
-        if (index.FindAsWriter(record.key) != nullptr) continue;
+        if (index.FindAsWriter(record.key, suts_StgKeyTable::Hash(record.key)) != nullptr) continue;
         sutl_WriteLock const lock(index.lock);
-        index.Insert(Copy(record.key));
+        index.Insert(record.key);
     }
     std::size_t next = 0;
-    for (auto _ : state) benchmark::DoNotOptimize(index.FindAsWriter(Records(state.range(0))[next++ % RECORDS].key));
+    for (auto _ : state) {
+        sutl_RawBytefield const& key = Records(state.range(0))[next++ % RECORDS].key;
+        benchmark::DoNotOptimize(index.FindAsWriter(key, suts_StgKeyTable::Hash(key)));
+    }
     Items(state, 1);
 }
 BENCHMARK(Lookup)->ArgName("keys")->Arg(1000)->Arg(200000);
 
 void Place(benchmark::State& state) {
+    suts_StgChunkStore chunks;
     for (auto _ : state) {
-        state.PauseTiming();
-        auto set = std::make_unique<suts_StgBucketSet>();
-        std::vector<sutl_RawBytefield> values;
-        for (long i = 0; i < state.range(0); ++i) values.push_back(Copy(Records()[static_cast<std::size_t>(i)].value));
-        state.ResumeTiming();
-        {
-            sutl_WriteLock const lock(set->lock);
-            long time = bench_Workload::START_US;
-            for (sutl_RawBytefield const& value : values) set->Place(0, nullptr, ++time, value);
+        suts_StgBucketSet set;
+        sutl_WriteLock const lock(set.lock);
+        for (long i = 0; i < state.range(0); ++i) {
+            Record const& record = Records()[static_cast<std::size_t>(i)];
+            set.Place(0, nullptr, record.time, record.value, chunks);
         }
-        state.PauseTiming();
-        set.reset();
-        state.ResumeTiming();
+        set.Slot(0).shipped = set.Slot(0).newest;
+        set.Recycle(0, chunks);
     }
     Items(state, state.range(0));
 }
@@ -215,19 +215,14 @@ BENCHMARK(Place)->Arg(10000);
 
 // As many records of one key as a block has, newest first, as they are gathered.
 void Sort(benchmark::State& state) {
-    sutl_LIST<suts_StgShipEntry> entries(static_cast<std::size_t>(state.range(0)));
-    suts_StgShipQComp order;
+    std::vector<suts_StgBucketRecord> staged;
+    for (long i = state.range(0); i-- > 0;)
+        staged.push_back({nullptr, Records()[static_cast<std::size_t>(i)].time, {}});
+    suts_StgShipEntries entries;
     for (auto _ : state) {
-        state.PauseTiming();
-        while (!entries.IsEmpty()) entries.Delete(entries.First());
-        for (long i = state.range(0); i-- > 0;) {
-            Record const& record = Records()[static_cast<std::size_t>(i)];
-            entries.Append(static_cast<unsigned long>(record.time), record.value, false);
-        }
-        state.ResumeTiming();
-        sutl_list_base_iter first = entries.First();
-        sutl_list_base_iter last = entries.Last();
-        entries.Sort(first, last, &order);
+        for (suts_StgBucketRecord const& record : staged) entries.Add(record);
+        benchmark::DoNotOptimize(entries.Sorted().data());
+        entries.Clear();
     }
     Items(state, state.range(0));
 }
@@ -235,17 +230,12 @@ BENCHMARK(Sort)->Arg(10)->Arg(1000)->Arg(50000);
 
 void Encode(benchmark::State& state) {
     sutl_NetorderByteField field;
+    std::vector<unsigned char> encoded(1 << 17);
     for (auto _ : state) {
         field.Reset();
-        for (std::size_t i = 0; i < 1000; ++i) {
-            Record const& record = Records()[i];
-            auto time = static_cast<unsigned long>(record.time);
-            field.Append8Byte(&time, 1);
-            int offset = 0;
-            for (int index = 1; index < Spec().fieldCount; ++index) {
-                suts_ShpThrdAddBfToShpField(field, record.value, Spec(), index, offset);
-            }
-        }
+        unsigned char* to = encoded.data();
+        for (std::size_t i = 0; i < 1000; ++i) to = suts_EncodeValue(to, Records()[i].value, Spec());
+        field.AppendBytes(encoded.data(), static_cast<std::size_t>(to - encoded.data()));
         field.Seal();
     }
     Items(state, 1000);

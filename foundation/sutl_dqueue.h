@@ -59,15 +59,14 @@ class sutl_DQUEUE : public sutl_LIST<T*> {
         return value;
     }
 
-    // Adds count values, oldest first, from bytes that need not be aligned.
-    void AddfrontMany(void const* values, long count) {
-        auto const* from = static_cast<unsigned char const*>(values);
+    // Adds count values, oldest first: what next returns from call to call.
+    template <typename Next>
+    void AddfrontMany(long count, Next next) {
         while (count > 0) {
             if (frontIndex_ < 0) AddBlock();
             long const run = std::min(count, frontIndex_ + 1);
             T* const slots = frontSlots_ + frontIndex_;
-            for (long i = 0; i < run; ++i) memcpy(slots - i, from + i * SLOT_BYTES, sizeof(T));
-            from += run * SLOT_BYTES;
+            for (long i = 0; i < run; ++i) slots[-i] = next();
             frontIndex_ -= run;
             size += run;
             count -= run;

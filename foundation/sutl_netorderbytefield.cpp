@@ -8,21 +8,31 @@ void sutl_NetorderByteField::Reset() {
 
 void sutl_NetorderByteField::AppendBytes(void const* bytes, std::size_t n) {
     auto const* from = static_cast<unsigned char const*>(bytes);
-    std::size_t const words = n / WORD_BYTES;
-    if (count_ % WORD_BYTES == 0) {
-        words_.AddfrontMany(from, static_cast<long>(words));
-        count_ += static_cast<int>(words * WORD_BYTES);
+    auto const words = static_cast<long>(n / WORD_BYTES);
+    auto const next = [&from] {
+        unsigned long word;
+        memcpy(&word, from, WORD_BYTES);
+        from += WORD_BYTES;
+        return word;
+    };
+    int const filled = count_ % WORD_BYTES;
+    if (filled == 0) {
+        words_.AddfrontMany(words, next);
     } else {
-        for (std::size_t i = 0; i < words; ++i) {
-            unsigned long word;
-            memcpy(&word, from + i * WORD_BYTES, WORD_BYTES);
-            AppendWord(word);
-        }
+        unsigned long pending = BytesBefore(current_, filled);
+        words_.AddfrontMany(words, [&] {
+            unsigned long const word = next();
+            unsigned long const joined = pending | MoveUp(word, filled);
+            pending = MoveDown(word, WORD_BYTES - filled);
+            return joined;
+        });
+        current_ = pending;
     }
+    count_ += static_cast<int>(words * WORD_BYTES);
     int const rest = static_cast<int>(n % WORD_BYTES);
     if (rest > 0) {
         unsigned long word = 0;
-        memcpy(&word, from + words * WORD_BYTES, static_cast<std::size_t>(rest));
+        memcpy(&word, from, static_cast<std::size_t>(rest));
         AppendPartialWord(word, rest);
     }
 }

@@ -31,6 +31,18 @@ struct alignas(8) sutl_RawBytefield {
         if (count > 0) memcpy(Data(), bytes, static_cast<unsigned int>(count));
     }
 
+    // A value that shares the bytes with their owner, who keeps them: not to be cleared. Up to 12 bytes are copied.
+    [[nodiscard]] static sutl_RawBytefield Shared(unsigned char const* bytes, int count) {
+        sutl_RawBytefield shared;
+        shared.length = count;
+        if (count > INLINE_BYTES_MAX) {
+            shared.SetHeap(const_cast<unsigned char*>(bytes));
+        } else if (count > 0) {
+            memcpy(shared.storage_, bytes, static_cast<unsigned int>(count));
+        }
+        return shared;
+    }
+
     [[nodiscard]] unsigned char* Data() { return length > INLINE_BYTES_MAX ? Heap() : storage_; }
     [[nodiscard]] unsigned char const* Data() const { return length > INLINE_BYTES_MAX ? Heap() : storage_; }
 

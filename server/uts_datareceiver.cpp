@@ -21,12 +21,12 @@ bool suts_DataReceiver::TakeRecords() {
         fputs("ERROR, the schema has no key field: no record can be taken\n", stderr);
         return false;
     }
-    decoder_.StartFrame();
-    while (field_.Count() > 0) {
+    decoder_.StartFrame(field_);
+    while (!decoder_.FrameIsDone()) {
         long time = 0;
         sutl_RawBytefield key;
         sutl_RawBytefield value;
-        if (!decoder_.Next(field_, time, key, value)) return false;
+        if (!decoder_.Next(time, key, value)) return false;
         stager_.AddRecord(time, key, value);
     }
     return true;

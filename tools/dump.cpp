@@ -144,8 +144,6 @@ ExitCode DumpCommand::WriteCsv() {
             output.Add({}, entry.time, values);
             ++records;
         }
-        entry.key.Clear();
-        entry.value.Clear();
     }
     if (ExitCode const flushed = FlushOutput(output); flushed != DONE) return flushed;
     if (!whole) {

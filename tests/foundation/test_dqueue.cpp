@@ -43,7 +43,15 @@ void CompareWithModel(test::Random& random, unsigned long blockSize) {
                 model.pop_front();
             }
         }
-        if (adds && many) queue.AddfrontMany(bytes.data() + offset, static_cast<long>(burst));
+        if (adds && many) {
+            unsigned char const* from = bytes.data() + offset;
+            queue.AddfrontMany(static_cast<long>(burst), [&from] {
+                T value;
+                memcpy(&value, from, sizeof value);
+                from += sizeof value;
+                return value;
+            });
+        }
         ASSERT_TRUE(bytes[offset - 1] == 0xEE && bytes.back() == 0xEE);
         if (step % 500 == 499) {
             queue.Discard();

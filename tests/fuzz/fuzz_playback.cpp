@@ -19,7 +19,7 @@ Played Play(suts_tsspec const& spec, char const* directory) {
     suts_StgRecoveryPlayback playback(spec, directory);
     suts_StgEntry entry;
     while (playback.QNext(entry) == 0) {
-        played.records.push_back({entry.time, test::TakeBytes(entry.key), test::TakeBytes(entry.value)});
+        played.records.push_back({entry.time, test::BytesOf(entry.key), test::BytesOf(entry.value)});
     }
     Require(playback.QNext(entry) == 1, "the end stays the end");
     played.text = messages.Text();

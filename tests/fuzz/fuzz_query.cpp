@@ -38,9 +38,7 @@ struct Staged {
                 (field == 0 ? record.key : record.value) += stored;
                 (field == 0 ? record.wireKey : record.wireValue) += test::Wire(spec.Type(field), stored);
             }
-            sutl_RawBytefield key = test::Field(record.key);
-            sutl_RawBytefield value = test::Field(record.value);
-            stager->AddRecord(record.time, key, value);
+            stager->AddRecord(record.time, test::OwnedField(record.key), test::OwnedField(record.value));
             records.push_back(record);
         }
         stager->Terminate();

@@ -35,15 +35,15 @@ Decoded Decode(suts_tsspec const& spec, std::string_view body) {
     sutl_NetorderByteField field;
     test::Fill(field, body);
     suts_RecordDecoder decoder(spec);
-    decoder.StartFrame();
+    decoder.StartFrame(field);
     fuzz::Messages const messages;
-    while (decoded.whole && field.Count() > 0) {
+    while (decoded.whole && !decoder.FrameIsDone()) {
         long time = 0;
         sutl_RawBytefield key;
         sutl_RawBytefield value;
-        decoded.whole = decoder.Next(field, time, key, value);
+        decoded.whole = decoder.Next(time, key, value);
         if (!decoded.whole) break;
-        decoded.records.push_back({time, test::TakeBytes(key), test::TakeBytes(value)});
+        decoded.records.push_back({time, test::BytesOf(key), test::BytesOf(value)});
         decoded.wire.push_back(Encode(spec, decoded.records.back()));
     }
     bool const reported = messages.Text().starts_with("ERROR, malformed frame: ") && messages.Text().ends_with('\n');

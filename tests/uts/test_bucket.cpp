@@ -5,8 +5,11 @@
 
 namespace {
 
-// On the heap, so that a value freed twice or never is noticed under the address sanitizer.
-sutl_RawBytefield ValueOf(long time) { return test::Field("value number " + std::to_string(time)); }
+// Of different lengths: some lie in the value itself, some in the chunk, and some on the heap, where one that is freed
+// twice or never is noticed under the address sanitizer.
+std::string ValueOf(long time) {
+    return "value " + std::to_string(time) + std::string(static_cast<std::size_t>(time * time % 101), 'x');
+}
 
 suts_StgFileRecord* HandleOf(long time) {
     static suts_StgFileRecord files[101];
@@ -19,7 +22,7 @@ std::vector<long> TimesBack(suts_StgPosition from, suts_StgPosition const& to) {
     for (; from != to; from.StepBack()) {
         suts_StgBucketRecord const& record = from.Record();
         times.push_back(record.time);
-        EXPECT_EQ("value number " + std::to_string(record.time), test::BytesOf(record.value));
+        EXPECT_EQ(ValueOf(record.time), test::BytesOf(record.value));
         EXPECT_EQ(HandleOf(record.time), record.file);
     }
     return times;
@@ -39,6 +42,7 @@ long ChunksOf(suts_StgPosition const& position) {
 }
 
 TEST(Bucket, RecyclingFreesWhatIsShippedAndParksTheRest) {
+    suts_StgChunkStore chunks;
     for (long placed = 0; placed <= 23; ++placed) {
         for (long shipped = 0; shipped <= placed; ++shipped) {
             SCOPED_TRACE(std::to_string(shipped) + " of " + std::to_string(placed) + " shipped");
@@ -46,16 +50,16 @@ TEST(Bucket, RecyclingFreesWhatIsShippedAndParksTheRest) {
             sutl_WriteLock const lock(set.lock);
             suts_StgBucket& bucket = set.Slot(3);
             for (long time = 0; time < placed; ++time) {
-                set.Place(3, HandleOf(time), time, ValueOf(time));
+                set.Place(3, HandleOf(time), time, test::OwnedField(ValueOf(time)), chunks);
                 if (time + 1 == shipped) bucket.shipped = bucket.newest;
             }
             EXPECT_EQ(Countdown(placed - 1, 0), TimesBack(bucket.newest, suts_StgPosition()));
             EXPECT_EQ((placed + 6) / 7, ChunksOf(bucket.newest)) << "seven records a chunk";
             EXPECT_TRUE(set.Slot(2).newest.IsEmpty());
 
-            set.Recycle(3);
+            set.Recycle(3, chunks);
             EXPECT_TRUE(bucket.newest.IsEmpty() && bucket.shipped.IsEmpty());
-            set.Place(3, HandleOf(100), 100, ValueOf(100));
+            set.Place(3, HandleOf(100), 100, test::OwnedField(ValueOf(100)), chunks);
             EXPECT_EQ(Countdown(100, 100), TimesBack(bucket.newest, suts_StgPosition()));
             if (placed % 5 == 0) continue;  // the set frees what is retired, too
             suts_StgRetired* const retired = set.TakeRetired();
@@ -64,9 +68,7 @@ TEST(Bucket, RecyclingFreesWhatIsShippedAndParksTheRest) {
             EXPECT_EQ(Countdown(placed - 1, shipped), TimesBack(retired->newest, retired->shipped));
             // The chunk of the last shipped record is the oldest that is left.
             EXPECT_EQ((placed - 1) / 7 - std::max(shipped - 1, 0L) / 7 + 1, ChunksOf(retired->newest));
-            for (suts_StgPosition at = retired->newest; at != retired->shipped; at.StepBack())
-                at.Record().value.Clear();
-            suts_StgBucketSet::FreeChunks(retired->newest.Chunk());
+            chunks.GiveFromShipThread(retired->newest);
             delete retired;
             EXPECT_EQ(nullptr, set.TakeRetired());
         }

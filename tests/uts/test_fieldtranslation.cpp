@@ -80,13 +80,12 @@ std::vector<test::Record> Decode(suts_RecordDecoder& decoder, std::string const&
     std::vector<test::Record> records;
     sutl_NetorderByteField field;
     test::Fill(field, frame);
-    decoder.StartFrame();
+    decoder.StartFrame(field);
     long time;
     sutl_RawBytefield key;
     sutl_RawBytefield value;
-    for (wellFormed = true; field.Count() > 0 && (wellFormed = decoder.Next(field, time, key, value));) {
-        std::string const keyBytes = test::TakeBytes(key);
-        records.push_back({time, keyBytes, test::TakeBytes(value)});
+    for (wellFormed = true; !decoder.FrameIsDone() && (wellFormed = decoder.Next(time, key, value));) {
+        records.push_back({time, test::BytesOf(key), test::BytesOf(value)});
     }
     EXPECT_GE(field.Count(), 0);
     return records;

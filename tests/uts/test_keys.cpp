@@ -36,23 +36,18 @@ TEST(KeyIndex, FindsOrdersAndListsAsAPlainModel) {
             // Few different bytes, of both signs: many duplicates, and prefixes of each other.
             std::string text = test::RandomBytes(random, test::Below(random, run < 10 ? 5 : 20));
             for (char& byte : text) byte = static_cast<char>(byte & 0x81);
-            sutl_RawBytefield key = test::Field(text);
+            test::OwnedField const key(text);
             auto const known = model.find(text);
             ASSERT_EQ(known == model.end() ? nullptr : known->second, index.Find(key));
-            ASSERT_EQ(index.Find(key), index.FindAsWriter(key));
-            if (test::Below(random, 4) == 0) {
-                key.Clear();
-                continue;
-            }
+            ASSERT_EQ(index.Find(key), index.FindAsWriter(key, suts_StgKeyTable::Hash(key)));
+            if (test::Below(random, 4) == 0) continue;
             suts_StgKeyNode* const node = index.Insert(key);
             ASSERT_EQ(text, test::BytesOf(node->key));
             ASSERT_EQ(node, model.try_emplace(text, node).first->second);
             list.push_back(text);
         }
         Texts ordered;
-        for (suts_StgKeyNode* node = index.First(); node != nullptr; node = suts_StgKeyIndex::Next(node)) {
-            ordered.push_back(test::BytesOf(node->key));
-        }
+        for (suts_StgKeyNode const* const node : index.InOrder()) ordered.push_back(test::BytesOf(node->key));
         Texts expected;
         for (auto const& [text, node] : model) expected.push_back(text);
         EXPECT_EQ(expected, ordered);

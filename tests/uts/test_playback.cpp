@@ -26,10 +26,9 @@ Replay ReplayOf(Directory const& directory, Types const& types) {
         suts_StgRecoveryPlayback playback(schema, directory.Path());
         suts_StgEntry entry;
         while (playback.QNext(entry) == 0) {
-            std::string const key = test::TakeBytes(entry.key);
-            replay.records.push_back({entry.time, key, test::TakeBytes(entry.value)});
+            replay.records.push_back({entry.time, test::BytesOf(entry.key), test::BytesOf(entry.value)});
         }
-        // The end is final, and leaves nothing to free.
+        // The end is final, and leaves nothing to read.
         EXPECT_EQ(1U, playback.QNext(entry));
         EXPECT_EQ(0, entry.key.length + entry.value.length);
     });

@@ -28,7 +28,9 @@ struct Pipeline {
     void Put(Record const& record) {
         suts_StgLogPosition position;
         suts_StgFileRecord* const file = test::Log(log, record, &position);
-        queue.Put({file, record.time, test::Field(record.key), test::Field(record.value)}, position);
+        test::OwnedField const key(record.key);
+        test::OwnedField const value(record.value);
+        queue.Put({file, record.time, key, value}, position);
         expected.push_back({record, file, position.fileNumber});
     }
     void Take() {
@@ -37,12 +39,20 @@ struct Pipeline {
         bool const fileExists = std::filesystem::exists(directory / ("F" + std::to_string(next.fileNumber)));
         if (queue.Queued() > suts_StgROTransfer::MEMORY_RECORDS_MAX && !fileExists) ++readFromVanishedFiles;
         QEntry entry;
-        queue.Take(entry);
-        std::string const key = test::TakeBytes(entry.first);
-        ASSERT_EQ(next.record, (Record{entry.time, key, test::TakeBytes(entry.second)}));
+        queue.Take(entry, kept);
+        // A batch keeps what it has taken until all of it is absorbed.
+        batch.push_back({next.record, entry});
+        if (batch.size() == 50) CheckBatch();
         ASSERT_EQ(next.file, entry.file);
         ++taken;
         unmarked.push_back(entry.file);
+    }
+    void CheckBatch() {
+        for (auto const& [record, entry] : batch) {
+            ASSERT_EQ(record, (Record{entry.time, test::BytesOf(entry.first), test::BytesOf(entry.second)}));
+        }
+        batch.clear();
+        kept.Clear();
     }
     void MarkAll(test::Random& random) {
         std::shuffle(unmarked.begin(), unmarked.end(), random);
@@ -54,6 +64,8 @@ struct Pipeline {
     test::Schema schema;
     suts_StgRecovery log{directory.Path()};
     suts_StgROTransfer queue{schema, log};
+    sutl_ByteQueue kept;
+    std::vector<std::pair<Record, QEntry>> batch;
     std::deque<Expected> expected;
     std::vector<suts_StgFileRecord*> unmarked;
     unsigned long taken = 0;
@@ -119,8 +131,9 @@ TEST(TransferQueue, GivesEveryRecordOnceInOrderWhateverVanishes) {
         }
         pipeline.queue.Put({nullptr, suts_StgROTransfer::END_TIME, {}, {}}, {});
         while (!pipeline.expected.empty() && !HasFatalFailure()) pipeline.Take();
+        pipeline.CheckBatch();
         QEntry end;
-        pipeline.queue.Take(end);
+        pipeline.queue.Take(end, pipeline.kept);
         EXPECT_TRUE(end.IsEndMarker() && end.file == nullptr);
         pipeline.MarkAll(random);
         pipeline.log.Terminate();
@@ -135,7 +148,7 @@ TEST(TransferQueue, ReadsTheLogOnlyBeyondAThousandRecords) {
         while (pipeline.queue.Queued() > 1000) pipeline.Take();
         std::filesystem::remove_all(pipeline.directory.Path());
         while (pipeline.queue.Queued() > 100) pipeline.Take();
-        // What is left is freed with the queue.
+        pipeline.CheckBatch();
     }
 }
 
@@ -161,7 +174,7 @@ TEST(TransferQueue, WhatMustNotBeEndsTheProcess) {
         if (row.records > 0) { std::filesystem::remove(pipeline.directory / "F2"); }
         auto const take = [&pipeline] {
             QEntry entry;
-            return pipeline.queue.Take(entry), 0;
+            return pipeline.queue.Take(entry, pipeline.kept), 0;
         };
         test::ExpectKilled(test::RunInChild(take), SIGINT, row.text);
     }

@@ -21,21 +21,23 @@ struct Shipping {
     void Place(std::size_t key, unsigned long bucket, Record const& record) {
         suts_StgFileRecord* const file = test::Log(log, record);
         sutl_WriteLock const lock(sets[key].lock);
-        sets[key].Place(bucket % BUCKETS, file, record.time, test::Field(record.value));
+        sets[key].Place(bucket % BUCKETS, file, record.time, test::OwnedField(record.value), chunks);
     }
     void Recycle(std::size_t key, unsigned long bucket) {
         sutl_WriteLock const lock(sets[key].lock);
-        sets[key].Recycle(bucket % BUCKETS);
+        sets[key].Recycle(bucket % BUCKETS, chunks);
     }
     // The messages with the blocks of all keys.
     Texts Ship(unsigned long bucketNumber, unsigned long upperTimeBound, Texts const& keys) {
         batch.bucketNumber = bucketNumber;
         batch.upperTimeBound = upperTimeBound;
+        batch.chunks = &chunks;
         batch.messages.Begin(SUTS_SHIP_RECORDS);
         for (std::size_t i = 0; i < keys.size(); ++i) {
             sutl_ReadLock const lock(sets[i].lock);
             suts_ShipThrdAssembly(batch, test::OwnedField(keys[i]), sets[i]);
         }
+        batch.marks.Flush();
         return Messages(batch.messages);
     }
     static Texts Messages(suts_StgShipMessages& messages) {
@@ -51,6 +53,7 @@ struct Shipping {
     test::Directory directory;
     test::Schema schema;
     suts_StgRecovery log{directory.Path()};
+    suts_StgChunkStore chunks;
     suts_StgShipBatch batch;
     std::vector<suts_StgBucketSet> sets;
 };

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "sutl_assert.h"
+#include "sutl_netorder.h"
 
 namespace {
 
@@ -10,44 +11,101 @@ constexpr sutl_AssertSite SITE_FIELD_TYPE = {"uts_Brindle.cpp", 60};
 
 constexpr long SCRATCH_BYTES_MIN = 1024;
 
-// Takes a number to the place that room(bytes) returns.
-template <typename Room>
-suts_FieldFault TakeNumber(sutl_NetorderByteField& field, suts_FieldType type, Room room) {
+// Copies a text up to its first NUL, or all of its bytes, and ends it by a NUL. Returns the place behind that.
+unsigned char* StoreText(unsigned char* to, unsigned char const* text, std::size_t bytes) {
+    auto const* const end = static_cast<unsigned char const*>(memchr(text, 0, bytes));
+    std::size_t const textBytes = end != nullptr ? static_cast<std::size_t>(end - text) : bytes;
+    memcpy(to, text, textBytes);
+    to[textBytes] = 0;
+    return to + textBytes + 1;
+}
+
+int NumberBytes(suts_FieldType type) {
     switch (type) {
-        case SUTS_INT32: {
-            if (field.Count() < SUTS_INT32_BYTES) return FIELD_CUT;
-            unsigned int value;
-            field.GetNext4Byte(&value, 1);
-            memcpy(room(SUTS_INT32_BYTES), &value, sizeof value);
-            return FIELD_WHOLE;
-        }
+        case SUTS_INT32:
+            return SUTS_INT32_BYTES;
         case SUTS_INT64:
-        case SUTS_FLOAT64: {
-            if (field.Count() < SUTS_NUMBER8_BYTES) return FIELD_CUT;
-            unsigned long value;
-            field.GetNext8Byte(&value, 1);
-            memcpy(room(SUTS_NUMBER8_BYTES), &value, sizeof value);
-            return FIELD_WHOLE;
-        }
+        case SUTS_FLOAT64:
+            return SUTS_NUMBER8_BYTES;
         default:
             sutl_AssertFailed(SITE_FIELD_TYPE, "ERROR, bad specfield\n");
     }
 }
 
-suts_FieldFault TakeString(sutl_NetorderByteField& field, suts_ByteScratch& out) {
-    if (field.Count() < SUTS_STRING_LENGTH_BYTES) return FIELD_CUT;
-    unsigned int length;
-    field.GetNext4Byte(&length, 1);
-    if (length > static_cast<unsigned int>(field.Count())) return FIELD_STRING_TOO_LONG;
-    int const start = out.Size();
-    auto const bytes = static_cast<int>(length);
-    unsigned char* const text = out.Grow(bytes + 1);
-    field.GetNextBytes(text, length);
-    void const* const end = memchr(text, 0, length);
-    long const textBytes = end != nullptr ? static_cast<unsigned char const*>(end) - text : bytes;
-    text[textBytes] = 0;
-    out.Shrink(start + static_cast<int>(textBytes) + 1);
-    return FIELD_WHOLE;
+unsigned char* CopyNumber(unsigned char* to, unsigned char const* from, int bytes) {
+    return bytes == SUTS_INT32_BYTES ? sutl_CopyNetorder<unsigned int>(to, from)
+                                     : sutl_CopyNetorder<unsigned long>(to, from);
+}
+
+sutl_RawBytefield TakeText(sutl_NetorderByteField& field, suts_FieldFault& fault) {
+    sutl_RawBytefield value = {};
+    fault = FIELD_CUT;
+    if (field.Count() < SUTS_STRING_LENGTH_BYTES) return value;
+    unsigned int bytes;
+    field.GetNext4Byte(&bytes, 1);
+    fault = FIELD_STRING_TOO_LONG;
+    if (bytes > static_cast<unsigned int>(field.Count())) return value;
+    fault = FIELD_WHOLE;
+    suts_ByteScratch text;
+    unsigned char* const wire = text.Grow(static_cast<int>(bytes) + 1);
+    field.GetNextBytes(wire, bytes);
+    wire[bytes] = 0;
+    value.Assign(wire, static_cast<int>(strlen(reinterpret_cast<char const*>(wire))) + 1);
+    return value;
+}
+
+// Where wire forms go: a message, and plain memory.
+struct ToMessage {
+    sutl_NetorderByteField& out;
+
+    void Number4(unsigned int value) { out.Append4Byte(&value, 1); }
+    void Number8(unsigned long value) { out.Append8Byte(&value, 1); }
+    void Bytes(unsigned char const* bytes, unsigned int count) { out.AppendBytes(bytes, count); }
+};
+struct ToMemory {
+    unsigned char* at;
+
+    void Number4(unsigned int value) { Number(sutl_ToNetorder(value)); }
+    void Number8(unsigned long value) { Number(sutl_ToNetorder(value)); }
+    void Bytes(unsigned char const* bytes, unsigned int count) {
+        memcpy(at, bytes, count);
+        at += count;
+    }
+    template <typename Value>
+    void Number(Value value) {
+        memcpy(at, &value, sizeof value);
+        at += sizeof value;
+    }
+};
+
+// Puts a field out in wire form. Returns the bytes of its stored form, which begins at bytes and ends by left.
+template <typename Out>
+int PutField(Out& out, unsigned char const* bytes, int left, suts_FieldType type) {
+    switch (type) {
+        case SUTS_STRING64: {
+            // Every stored string has its NUL; a value that ends before this field has none to offer.
+            if (left <= 0) return 0;
+            auto const length = static_cast<unsigned int>(
+                strnlen(reinterpret_cast<char const*>(bytes), static_cast<std::size_t>(left - 1)) + 1);
+            out.Number4(length);
+            out.Bytes(bytes, length);
+            return static_cast<int>(length);
+        }
+        case SUTS_INT32: {
+            unsigned int value;
+            memcpy(&value, bytes, sizeof value);
+            out.Number4(value);
+            return SUTS_INT32_BYTES;
+        }
+        case SUTS_INT64:
+        case SUTS_FLOAT64: {
+            unsigned long value;
+            memcpy(&value, bytes, sizeof value);
+            out.Number8(value);
+            return SUTS_NUMBER8_BYTES;
+        }
+    }
+    return 0;
 }
 
 }  // namespace
@@ -66,28 +124,51 @@ void suts_ByteScratch::Release() {
     room_ = 0;
 }
 
-suts_FieldFault suts_TakeSpecField(sutl_NetorderByteField& field, suts_tsspec const& spec, int index,
-                                   suts_ByteScratch& out) {
-    suts_FieldType const type = spec.Type(index);
-    if (type == SUTS_STRING64) return TakeString(field, out);
-    return TakeNumber(field, type, [&](int bytes) { return out.Grow(bytes); });
+int suts_StoreFields(unsigned char const*& from, unsigned char const* end, suts_tsspec const& spec, int first, int last,
+                     unsigned char*& to, suts_FieldFault& fault) {
+    for (int i = first; i < last; ++i) {
+        suts_FieldType const type = spec.Type(i);
+        bool const isText = type == SUTS_STRING64;
+        long bytes = isText ? SUTS_STRING_LENGTH_BYTES : NumberBytes(type);
+        if (end - from < bytes) {
+            fault = FIELD_CUT;
+            return i;
+        }
+        if (!isText) {
+            to = CopyNumber(to, from, static_cast<int>(bytes));
+            from += bytes;
+            continue;
+        }
+        unsigned int wireBytes;
+        memcpy(&wireBytes, from, sizeof wireBytes);
+        bytes = sutl_ToNetorder(wireBytes);
+        from += SUTS_STRING_LENGTH_BYTES;
+        if (end - from < bytes) {
+            fault = FIELD_STRING_TOO_LONG;
+            return i;
+        }
+        to = StoreText(to, from, static_cast<std::size_t>(bytes));
+        from += bytes;
+    }
+    return last;
 }
 
 sutl_RawBytefield suts_TranslateSpecField(sutl_NetorderByteField& field, suts_tsspec const& spec, int index,
                                           suts_FieldFault* fault) {
     suts_FieldFault found = FIELD_WHOLE;
-    sutl_RawBytefield value;
-    value.Prep(0);
+    sutl_RawBytefield value = {};
     suts_FieldType const type = spec.Type(index);
     if (type == SUTS_STRING64) {
-        suts_ByteScratch text;
-        found = TakeString(field, text);
-        if (found == FIELD_WHOLE) value.Assign(text.Data(), text.Size());
+        value = TakeText(field, found);
     } else {
-        found = TakeNumber(field, type, [&](int bytes) {
+        int const bytes = NumberBytes(type);
+        found = field.Count() < bytes ? FIELD_CUT : FIELD_WHOLE;
+        if (found == FIELD_WHOLE) {
+            unsigned char wire[SUTS_NUMBER8_BYTES];
+            field.GetNextBytes(wire, static_cast<unsigned int>(bytes));
             value.Prep(bytes);
-            return value.Data();
-        });
+            CopyNumber(value.Data(), wire, bytes);
+        }
     }
     if (fault != nullptr) *fault = found;
     return value;
@@ -95,35 +176,44 @@ sutl_RawBytefield suts_TranslateSpecField(sutl_NetorderByteField& field, suts_ts
 
 void suts_ShpThrdAddBfToShpField(sutl_NetorderByteField& out, sutl_RawBytefield const& in, suts_tsspec const& spec,
                                  int fieldIndex, int& offset) {
-    unsigned char const* const bytes = in.Data() + offset;
-    switch (spec.Type(fieldIndex)) {
-        case SUTS_STRING64: {
-            // Every stored string has its NUL; a value that ends before this field has none to offer.
-            if (offset >= in.length) return;
-            auto const length = static_cast<unsigned int>(
-                strnlen(reinterpret_cast<char const*>(bytes), static_cast<std::size_t>(in.length - offset - 1)) + 1);
-            unsigned int wireLength = length;
-            out.Append4Byte(&wireLength, 1);
-            out.AppendBytes(bytes, length);
-            offset += static_cast<int>(length);
-            return;
-        }
-        case SUTS_INT32: {
-            unsigned int value;
-            memcpy(&value, bytes, sizeof value);
-            out.Append4Byte(&value, 1);
-            offset += SUTS_INT32_BYTES;
-            return;
-        }
-        case SUTS_INT64:
-        case SUTS_FLOAT64: {
-            unsigned long value;
-            memcpy(&value, bytes, sizeof value);
-            out.Append8Byte(&value, 1);
-            offset += SUTS_NUMBER8_BYTES;
-            return;
+    ToMessage message = {out};
+    offset += PutField(message, in.Data() + offset, in.length - offset, spec.Type(fieldIndex));
+}
+
+unsigned char* suts_EncodeValue(unsigned char* to, sutl_RawBytefield const& value, suts_tsspec const& spec) {
+    ToMemory memory = {to};
+    unsigned char const* const bytes = value.Data();
+    int offset = 0;
+    for (int i = 1; i < spec.fieldCount; ++i) {
+        offset += PutField(memory, bytes + offset, value.length - offset, spec.Type(i));
+    }
+    return memory.at;
+}
+
+unsigned char const* suts_BehindStored(unsigned char const* from, unsigned char const* end, suts_tsspec const& spec,
+                                       int first, int last) {
+    for (int i = first; i < last; ++i) {
+        if (spec.Type(i) == SUTS_STRING64) {
+            auto const* const nul =
+                static_cast<unsigned char const*>(memchr(from, 0, static_cast<std::size_t>(end - from)));
+            if (nul == nullptr) return nullptr;
+            from = nul + 1;
+        } else {
+            int const bytes = spec.Type(i) == SUTS_INT32 ? SUTS_INT32_BYTES : SUTS_NUMBER8_BYTES;
+            if (end - from < bytes) return nullptr;
+            from += bytes;
         }
     }
+    return from;
+}
+
+int suts_FixedBytes(suts_tsspec const& spec, int first, int last) {
+    int bytes = 0;
+    for (int i = first; i < last; ++i) {
+        if (spec.Type(i) == SUTS_STRING64) return -1;
+        bytes += spec.Type(i) == SUTS_INT32 ? SUTS_INT32_BYTES : SUTS_NUMBER8_BYTES;
+    }
+    return bytes;
 }
 
 int suts_StringFields(suts_tsspec const& spec, int first, int last) {

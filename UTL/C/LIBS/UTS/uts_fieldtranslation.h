@@ -48,14 +48,17 @@ enum suts_FieldFault {
     FIELD_STRING_TOO_LONG  // a string claims more bytes than the message still holds
 };
 
-// Takes field number index of the schema off the message and appends its stored form. A string ends at its first NUL,
-// which is added where it is missing. Never takes more than the message holds: after a fault what was left of the
-// message is of no use. A type code that does not exist is an assertion.
-[[nodiscard]] suts_FieldFault suts_TakeSpecField(sutl_NetorderByteField& field, suts_tsspec const& spec, int index,
-                                                 suts_ByteScratch& out);
+// Takes the fields from first to last, exclusive, in wire form off the bytes from from to end, and puts their stored
+// form at to, which takes no more room than their wire form. Moves from and to behind what was taken. A string ends at
+// its first NUL, which is added where it is missing. Returns last, or the number of the first field that is not whole,
+// with its fault; from then stands behind the length of a string that is too long, and to is of no use. A type code
+// that does not exist is an assertion.
+[[nodiscard]] int suts_StoreFields(unsigned char const*& from, unsigned char const* end, suts_tsspec const& spec,
+                                   int first, int last, unsigned char*& to, suts_FieldFault& fault);
 
-// The same as a value of its own, whose heap array the caller clears. A field that is not whole gives an empty value
-// and sets *fault, when it is asked for.
+// Takes field number index of the schema off the message, by the same rules, as a value whose heap array the caller
+// clears. Never takes more than the message holds. A field that is not whole gives an empty value and sets *fault, when
+// it is asked for; what was left of the message is then of no use.
 [[nodiscard]] sutl_RawBytefield suts_TranslateSpecField(sutl_NetorderByteField& field, suts_tsspec const& spec,
                                                         int index, suts_FieldFault* fault = nullptr);
 
@@ -63,6 +66,18 @@ enum suts_FieldFault {
 // behind it. A type code that does not exist appends nothing.
 void suts_ShpThrdAddBfToShpField(sutl_NetorderByteField& out, sutl_RawBytefield const& in, suts_tsspec const& spec,
                                  int fieldIndex, int& offset);
+
+// Puts the fields from the second on, whose stored form the value holds, at to in wire form: the bytes of the value and
+// SUTS_STRING_LENGTH_BYTES per string. Returns the place behind them.
+unsigned char* suts_EncodeValue(unsigned char* to, sutl_RawBytefield const& value, suts_tsspec const& spec);
+
+// The place behind the stored fields from first to last, exclusive, which begin at from; null where they do not end
+// before end.
+[[nodiscard]] unsigned char const* suts_BehindStored(unsigned char const* from, unsigned char const* end,
+                                                     suts_tsspec const& spec, int first, int last);
+
+// The bytes of these fields in stored form; -1 where a string among them makes them differ.
+[[nodiscard]] int suts_FixedBytes(suts_tsspec const& spec, int first, int last);
 
 // How many of the fields from first to last, exclusive, are strings: each takes SUTS_STRING_LENGTH_BYTES more on a wire
 // than stored.

@@ -50,10 +50,7 @@ void suts_Stager::Replay(char const* recoverFromPath) {
     }
 }
 
-int suts_Stager::Refuse(long time, sutl_RawBytefield& first, sutl_RawBytefield& second) {
-    long const bytes = first.length + static_cast<long>(second.length);
-    first.Clear();
-    second.Clear();
+int suts_Stager::Refuse(long time, long bytes) {
     ++refused_;
     if (refused_ == refusedStep_) {
         refusedStep_ *= REPORT_STEP_FACTOR;

@@ -28,13 +28,13 @@ class suts_Stager {
     // Results of AddRecord.
     enum : int { RECORD_ADDED = 0, RECORD_REFUSED = 1 };
 
-    // Logs a record and hands it to the organizer; takes over the heap arrays of both byte fields. A record with a
+    // Logs a record and hands it to the organizer; what both byte fields hold is copied. A record with a
     // negative time stamp, which would be taken for the end of the stream, or too large for a ship message is
     // refused: nothing of it goes on, and standard error tells so for the first refused record and then in growing
     // decades.
-    int AddRecord(long time, sutl_RawBytefield& first, sutl_RawBytefield& second) {
+    int AddRecord(long time, sutl_RawBytefield const& first, sutl_RawBytefield const& second) {
         bool const tooLarge = first.length + static_cast<long>(second.length) > recordBytesMax_;
-        if (time < 0 || tooLarge) [[unlikely]] { return Refuse(time, first, second); }
+        if (time < 0 || tooLarge) [[unlikely]] { return Refuse(time, first.length + static_cast<long>(second.length)); }
         suts_StgLogPosition const position = recovery_.AppendRecord(time, first, second);
         organizer_.Put({recovery_.CountRecord(), time, first, second}, position);
         return RECORD_ADDED;
@@ -46,7 +46,7 @@ class suts_Stager {
     [[nodiscard]] suts_StgOrganizer& Organizer() { return organizer_; }
 
  private:
-    int Refuse(long time, sutl_RawBytefield& first, sutl_RawBytefield& second);
+    int Refuse(long time, long bytes);
     void Replay(char const* recoverFromPath);
     // The checks that must fail before anything is created.
     static char const* CheckedStart(char const* recoveryPath, long windowWidth);

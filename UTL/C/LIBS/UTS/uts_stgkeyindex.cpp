@@ -32,8 +32,18 @@ unsigned long suts_StgKeyTable::Hash(sutl_RawBytefield const& key) {
     return hash;
 }
 
-suts_StgKeyTable::Result suts_StgKeyTable::Find(sutl_RawBytefield const& key, suts_StgKeyNode*& node) const {
-    unsigned long const hash = Hash(key);
+void suts_StgKeyTable::PrefetchNode(unsigned long hash) const {
+    for (std::size_t step = 0; step < WAY_MAX && !slots_.empty(); ++step) {
+        Slot const& slot = slots_[(hash + step) & (slots_.size() - 1)];
+        if (slot.node == nullptr) return;
+        if (slot.hash != hash) continue;
+        slot.node->Prefetch();
+        return;
+    }
+}
+
+suts_StgKeyTable::Result suts_StgKeyTable::Find(sutl_RawBytefield const& key, unsigned long hash,
+                                                suts_StgKeyNode*& node) const {
     for (std::size_t step = 0; step < WAY_MAX && !slots_.empty(); ++step) {
         Slot const& slot = slots_[(hash + step) & (slots_.size() - 1)];
         if (slot.node == nullptr) break;
@@ -97,7 +107,6 @@ suts_StgKeyNode* suts_StgKeyIndex::Insert(sutl_RawBytefield const& key) {
         auto* const node = static_cast<suts_StgKeyNode*>(at);
         int const order = sutl_CompareKeys(key, node->key);
         if (order == 0) {
-            sutl_RawBytefield(key).Clear();
             list_.Append(node->key, node);
             return node;
         }
@@ -106,9 +115,19 @@ suts_StgKeyNode* suts_StgKeyIndex::Insert(sutl_RawBytefield const& key) {
         at = at->child[side];
     }
     auto* const node = new suts_StgKeyNode;
-    node->key = key;
+    node->key.Assign(key.Data(), key.length);
     tree_.Link(node, parent, side);
+    ++nodes_;
     table_.Add(node);
     list_.Append(node->key, node);
     return node;
+}
+
+std::vector<suts_StgKeyNode*> const& suts_StgKeyIndex::InOrder() {
+    if (inOrder_.size() == nodes_) return inOrder_;
+    inOrder_.clear();
+    for (sutl_TRBTree_node* at = FirstUnlocked(); at != sutl_TRBTree_base::nullNode; at = sutl_TRBTree_base::Next(at)) {
+        inOrder_.push_back(static_cast<suts_StgKeyNode*>(at));
+    }
+    return inOrder_;
 }

@@ -13,6 +13,16 @@
 struct suts_StgKeyNode : sutl_TRBTree_node {
     sutl_RawBytefield key;
     suts_StgBucketSet set;
+    int batchFirst = -1;  // organizer thread: the first and
+    int batchLast = -1;   // the last record of the batch at hand that go to the set; none between batches
+
+    // Has the node on its way to the processor's cache before it is needed.
+    void Prefetch() const {
+        constexpr std::size_t CACHE_LINE_BYTES = 64;
+        for (std::size_t at = 0; at < sizeof *this; at += CACHE_LINE_BYTES) {
+            __builtin_prefetch(reinterpret_cast<unsigned char const*>(this) + at);
+        }
+    }
 };
 
 // A key's place in the order of first sight. The key shares the node's heap array.
@@ -27,8 +37,14 @@ class suts_StgKeyTable {
  public:
     enum Result { FOUND, ABSENT, UNKNOWN };
 
+    [[nodiscard]] static unsigned long Hash(sutl_RawBytefield const& key);
+    // The two first steps of a search, apart: many searches go through each step together, and wait for memory once.
+    void PrefetchSlot(unsigned long hash) const {
+        if (!slots_.empty()) __builtin_prefetch(&slots_[hash & (slots_.size() - 1)]);
+    }
+    void PrefetchNode(unsigned long hash) const;
     // Sets node where one is found. Unknown only when keys that collide too often were left out.
-    [[nodiscard]] Result Find(sutl_RawBytefield const& key, suts_StgKeyNode*& node) const;
+    [[nodiscard]] Result Find(sutl_RawBytefield const& key, unsigned long hash, suts_StgKeyNode*& node) const;
     void Add(suts_StgKeyNode* node);  // whose key is new
 
  private:
@@ -43,7 +59,6 @@ class suts_StgKeyTable {
         suts_StgKeyNode* node;  // null in an empty slot
     };
 
-    [[nodiscard]] static unsigned long Hash(sutl_RawBytefield const& key);
     [[nodiscard]] bool Put(Slot const& entry);
     void Grow();
 
@@ -68,18 +83,17 @@ class suts_StgKeyIndex {
         return FindUnlocked(key);
     }
     // The same for the organizer thread, which needs no lock to read what it alone writes.
-    [[nodiscard]] suts_StgKeyNode* FindAsWriter(sutl_RawBytefield const& key) const {
+    [[nodiscard]] suts_StgKeyNode* FindAsWriter(sutl_RawBytefield const& key, unsigned long hash) const {
         suts_StgKeyNode* node = nullptr;
-        return table_.Find(key, node) == suts_StgKeyTable::UNKNOWN ? FindUnlocked(key) : node;
+        return table_.Find(key, hash, node) == suts_StgKeyTable::UNKNOWN ? FindUnlocked(key) : node;
     }
+    [[nodiscard]] suts_StgKeyTable const& Table() const { return table_; }
 
-    // The key's node, made if there is none; the key's heap array then belongs to the node. Where there is one already
-    // the array is released. Either way the list grows by the node's key.
+    // The key's node, made with a copy of the key if there is none. Either way the list grows by the node's key.
     suts_StgKeyNode* Insert(sutl_RawBytefield const& key) SUTL_REQUIRES(lock);
 
-    // Walk of all nodes in key order, by the organizer thread; null at the end.
-    [[nodiscard]] suts_StgKeyNode* First() const SUTL_NO_THREAD_SAFETY_ANALYSIS { return NodeAt(tree_.First()); }
-    [[nodiscard]] static suts_StgKeyNode* Next(suts_StgKeyNode* node) { return NodeAt(sutl_TRBTree_base::Next(node)); }
+    // All nodes in key order, for the organizer thread; valid until the next insertion.
+    [[nodiscard]] std::vector<suts_StgKeyNode*> const& InOrder();
 
     [[nodiscard]] sutl_LIST<suts_StgKeyListEntry>& List() SUTL_REQUIRES_SHARED(lock) { return list_; }
 
@@ -89,12 +103,12 @@ class suts_StgKeyIndex {
     sutl_list_base_iter shipCursor;
 
  private:
-    [[nodiscard]] static suts_StgKeyNode* NodeAt(sutl_TRBTree_node* node) {
-        return node == sutl_TRBTree_base::nullNode ? nullptr : static_cast<suts_StgKeyNode*>(node);
-    }
     [[nodiscard]] suts_StgKeyNode* FindUnlocked(sutl_RawBytefield const& key) const SUTL_NO_THREAD_SAFETY_ANALYSIS;
+    [[nodiscard]] sutl_TRBTree_node* FirstUnlocked() const SUTL_NO_THREAD_SAFETY_ANALYSIS { return tree_.First(); }
 
-    suts_StgKeyTable table_;  // of the tree's nodes; the organizer thread's
+    suts_StgKeyTable table_;                 // of the tree's nodes; the organizer thread's
+    std::vector<suts_StgKeyNode*> inOrder_;  // of the tree's nodes; the organizer thread's
+    std::size_t nodes_ = 0;                  // in the tree
     sutl_TRBTree_base tree_ SUTL_GUARDED_BY(lock);
     sutl_LIST<suts_StgKeyListEntry> list_ SUTL_GUARDED_BY(lock);
 };

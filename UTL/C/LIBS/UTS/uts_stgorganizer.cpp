@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 
@@ -18,6 +19,7 @@ constexpr sutl_AssertSite SITE_NOT_TERMINATED = {"uts_stgorganizer.cpp", 233};
 
 constexpr useconds_t POLL_INTERVAL_US = 1;
 constexpr unsigned long REPORT_STEP_FACTOR = 10;
+constexpr std::size_t PREFETCH_SETS = 8;  // how far ahead of its use memory is asked for
 
 }  // namespace
 
@@ -65,10 +67,12 @@ void suts_StgOrganizer::ReadKeyFile(suts_tsspec const& spec, char const* recover
     sutl_RawBytefield key;
     suts_StgKeyFileReader::Result result;
     while ((result = reader.Next(key)) == suts_StgKeyFileReader::KEY) {
-        // Written first: where the key is known already the index releases its bytes.
         suts_AppendKey(newKeyFile, key, false);
-        sutl_WriteLock lock(keys_.lock);
-        keys_.Insert(key);
+        {
+            sutl_WriteLock lock(keys_.lock);
+            keys_.Insert(key);
+        }
+        key.Clear();
     }
     if (result == suts_StgKeyFileReader::CORRUPT) {
         fputs("Corrupt Recovery Keyfile!\n", stderr);
@@ -130,10 +134,11 @@ void* suts_RunOrganizer(void* organizer) {
 
 int suts_StgOrganizer::TakeBatch(Batch& batch, bool& endReached) {
     int count = 0;
+    batchBytes_.Clear();
     sutl_MutexLock lock(transferMutex_);
     while (transfer_.Queued() > 0 && count < BATCH_RECORDS_MAX) {
         suts_StgROTransfer::QEntry& entry = batch[static_cast<std::size_t>(count)];
-        transfer_.Take(entry);
+        transfer_.Take(entry, batchBytes_);
         if (entry.IsEndMarker()) {
             endReached = true;
             break;
@@ -143,68 +148,106 @@ int suts_StgOrganizer::TakeBatch(Batch& batch, bool& endReached) {
     return count;
 }
 
-void suts_StgOrganizer::AbsorbRecords(suts_StgROTransfer::QEntry* entries, int count) {
+void suts_StgOrganizer::AbsorbRecords(suts_StgROTransfer::QEntry const* entries, int count) {
     sutl_assertfunc(count < ABSORPTION_RECORDS_END, SITE_BULK.file, SITE_BULK.line, " ERROR, bad bulk absorption\n",
                     nullptr);
-    FindSets(entries, count);
-    for (int i = 0; i < count; ++i) {
-        suts_StgROTransfer::QEntry const& entry = entries[i];
-        unsigned long const bucket = BucketOf(entry.time);
-        unsigned long const current = current_.load(std::memory_order_relaxed);
-        if (bucket > current) {
-            pendingAdvance_ += static_cast<long>(bucket - current);
-            AdvanceBuckets(bucket);
-        }
-        if (static_cast<unsigned long>(entry.time) > latestUs_) latestUs_ = static_cast<unsigned long>(entry.time);
-        Place(entry, *batchSets_[static_cast<std::size_t>(i)]);
-        if (pendingAdvance_ >= HAND_OFF_BUCKETS) {
-            pendingAdvance_ = 0;
-            Ship(false);
-        }
+    FindNodes(entries, count);
+    for (int from = 0; from < count;) {
+        int const opening = FirstOpening(entries, from, count);
+        PlaceAll(entries, from, opening);
+        if (opening == count) return;
+        unsigned long const bucket = BucketOf(entries[opening].time);
+        pendingAdvance_ += static_cast<long>(bucket - current_.load(std::memory_order_relaxed));
+        AdvanceBuckets(bucket);
+        from = opening + 1;
+        PlaceAll(entries, opening, from);
+        if (pendingAdvance_ < HAND_OFF_BUCKETS) continue;
+        pendingAdvance_ = 0;
+        Ship(false);
     }
 }
 
-// Fills batchSets_. The entries' keys are released, or belong to the key index afterwards.
-void suts_StgOrganizer::FindSets(suts_StgROTransfer::QEntry* entries, int count) {
-    for (int i = 0; i < count; ++i) {
-        suts_StgKeyNode* const node = keys_.FindAsWriter(entries[i].first);
-        if (node == nullptr) {
-            InsertKeys(entries, i, count);
-            return;
-        }
-        entries[i].first.Clear();
-        batchSets_[static_cast<std::size_t>(i)] = &node->set;
+// Fills nodes_.
+void suts_StgOrganizer::FindNodes(suts_StgROTransfer::QEntry const* entries, int count) {
+    auto const records = static_cast<std::size_t>(count);
+    suts_StgKeyTable const& table = keys_.Table();
+    for (std::size_t i = 0; i < records; ++i) {
+        hashes_[i] = suts_StgKeyTable::Hash(entries[i].first);
+        table.PrefetchSlot(hashes_[i]);
+    }
+    for (std::size_t i = 0; i < records; ++i) table.PrefetchNode(hashes_[i]);
+    for (std::size_t i = 0; i < records; ++i) {
+        nodes_[i] = keys_.FindAsWriter(entries[i].first, hashes_[i]);
+        if (nodes_[i] != nullptr) continue;
+        InsertKeys(entries, static_cast<int>(i), count);
+        return;
     }
 }
 
 // The same from the batch's first new key on. The write lock is held to the end, so that readers see all of the batch's
 // new keys together.
-void suts_StgOrganizer::InsertKeys(suts_StgROTransfer::QEntry* entries, int from, int count) {
+void suts_StgOrganizer::InsertKeys(suts_StgROTransfer::QEntry const* entries, int from, int count) {
     sutl_WriteLock lock(keys_.lock);
     for (int i = from; i < count; ++i) {
-        sutl_RawBytefield& key = entries[i].first;
-        suts_StgKeyNode* node = keys_.Find(key);
-        if (node == nullptr) {
-            suts_AppendKey(keyFile_, key, spec_.Type(0) == SUTS_STRING64);
-            node = keys_.Insert(key);
-            key.length = 0;  // the node's now
-        } else {
-            key.Clear();
-        }
-        batchSets_[static_cast<std::size_t>(i)] = &node->set;
+        sutl_RawBytefield const& key = entries[i].first;
+        suts_StgKeyNode*& node = nodes_[static_cast<std::size_t>(i)];
+        node = keys_.FindAsWriter(key, hashes_[static_cast<std::size_t>(i)]);
+        if (node != nullptr) continue;
+        suts_AppendKey(keyFile_, key, spec_.Type(0) == SUTS_STRING64);
+        node = keys_.Insert(key);
     }
 }
 
-void suts_StgOrganizer::Place(suts_StgROTransfer::QEntry const& entry, suts_StgBucketSet& set) {
-    unsigned long const bucket = BucketOf(entry.time);
+// The first record from this one on that lies beyond the newest open bucket; count when there is none.
+int suts_StgOrganizer::FirstOpening(suts_StgROTransfer::QEntry const* entries, int from, int count) {
     unsigned long const current = current_.load(std::memory_order_relaxed);
-    sutl_WriteLock lock(set.lock);
-    if (bucket > current) sutl_AssertFailed(SITE_FUTURE_BUCKET, "Internal error\n");
-    // A late record, older than every open bucket, goes to the oldest one.
-    unsigned long const oldest = current - (suts_StgBucketSet::BUCKETS - 1);
-    unsigned long const slot = (bucket >= oldest ? bucket : oldest) % suts_StgBucketSet::BUCKETS;
-    ++placed_[slot];
-    set.Place(slot, entry.file, entry.time, entry.second);
+    while (from < count && BucketOf(entries[from].time) <= current) ++from;
+    return from;
+}
+
+// Places the records from one to another, exclusive: those of one set together, in their order.
+void suts_StgOrganizer::PlaceAll(suts_StgROTransfer::QEntry const* entries, int from, int to) {
+    std::size_t touched = 0;
+    for (int i = from; i < to; ++i) {
+        suts_StgKeyNode& node = *nodes_[static_cast<std::size_t>(i)];
+        if (node.batchLast < 0) {
+            node.batchFirst = i;
+            touched_[touched++] = &node;
+        } else {
+            nextOfNode_[static_cast<std::size_t>(node.batchLast)] = i;
+        }
+        node.batchLast = i;
+        latestUs_ = std::max(latestUs_, static_cast<unsigned long>(entries[i].time));
+    }
+    for (std::size_t i = 0; i < touched; ++i) {
+        if (i + PREFETCH_SETS < touched) {
+            suts_StgKeyNode const& ahead = *touched_[i + PREFETCH_SETS];
+            ahead.set.NewestAsWriter(SlotOf(BucketOf(entries[ahead.batchFirst].time))).PrefetchNext();
+        }
+        PlaceInSet(entries, *touched_[i]);
+    }
+}
+
+// Places the batch's records of one set under one hold of its lock.
+void suts_StgOrganizer::PlaceInSet(suts_StgROTransfer::QEntry const* entries, suts_StgKeyNode& node) {
+    unsigned long const current = current_.load(std::memory_order_relaxed);
+    sutl_WriteLock lock(node.set.lock);
+    for (int i = node.batchFirst;; i = nextOfNode_[static_cast<std::size_t>(i)]) {
+        suts_StgROTransfer::QEntry const& entry = entries[i];
+        unsigned long const bucket = BucketOf(entry.time);
+        if (bucket > current) sutl_AssertFailed(SITE_FUTURE_BUCKET, "Internal error\n");
+        unsigned long const slot = SlotOf(bucket);
+        ++placed_[slot];
+        node.set.Place(slot, entry.file, entry.time, entry.second, chunks_);
+        if (i == node.batchLast) break;
+    }
+    node.batchFirst = node.batchLast = -1;
+}
+
+// A late record, older than every open bucket, goes to the oldest one.
+unsigned long suts_StgOrganizer::SlotOf(unsigned long bucket) const {
+    unsigned long const oldest = current_.load(std::memory_order_relaxed) - (suts_StgBucketSet::BUCKETS - 1);
+    return std::max(bucket, oldest) % suts_StgBucketSet::BUCKETS;
 }
 
 void suts_StgOrganizer::AdvanceBuckets(unsigned long newCurrent) {
@@ -212,10 +255,17 @@ void suts_StgOrganizer::AdvanceBuckets(unsigned long newCurrent) {
     unsigned long const current = current_.load(std::memory_order_relaxed);
     unsigned long const oldest = current - (suts_StgBucketSet::BUCKETS - 1);
     unsigned long const newOldest = newCurrent - (suts_StgBucketSet::BUCKETS - 1);
-    for (suts_StgKeyNode* node = keys_.First(); node != nullptr; node = suts_StgKeyIndex::Next(node)) {
-        sutl_WriteLock lock(node->set.lock);
-        for (unsigned long bucket = oldest; bucket < newOldest && bucket <= current; ++bucket) {
-            node->set.Recycle(bucket % suts_StgBucketSet::BUCKETS);
+    unsigned long const end = std::min(newOldest, current + 1);  // of the buckets to recycle
+    std::vector<suts_StgKeyNode*> const& nodes = keys_.InOrder();
+    for (std::size_t i = 0; i < nodes.size(); ++i) {
+        if (i + 2 * PREFETCH_SETS < nodes.size()) nodes[i + 2 * PREFETCH_SETS]->Prefetch();
+        if (i + PREFETCH_SETS < nodes.size()) {
+            nodes[i + PREFETCH_SETS]->set.NewestAsWriter(oldest % suts_StgBucketSet::BUCKETS).PrefetchLast();
+        }
+        suts_StgBucketSet& set = nodes[i]->set;
+        sutl_WriteLock lock(set.lock);
+        for (unsigned long bucket = oldest; bucket < end; ++bucket) {
+            set.Recycle(bucket % suts_StgBucketSet::BUCKETS, chunks_);
         }
     }
     char prefix[96];
@@ -228,7 +278,7 @@ void suts_StgOrganizer::Ship(bool final) {
     unsigned long const current = current_.load(std::memory_order_relaxed);
     unsigned long const newestShipped = final ? current : current - 1;
     shipper_.WaitUntilIdle();
-    shipper_.Post({&keys_, baseUs_ + (newestShipped + 1) * bucketWidthUs_, newestShipped, final});
+    shipper_.Post({&keys_, &chunks_, baseUs_ + (newestShipped + 1) * bucketWidthUs_, newestShipped, final});
     if (final) {
         shipper_.WaitUntilIdle();
         shipper_.Stop();

@@ -34,8 +34,7 @@ class suts_StgOrganizer {
     // Raises the assertion of a window width that cannot be used.
     static void RefuseWindowWidth(long windowWidth);
 
-    // Queues a record for the thread; its heap arrays are handed over. From the feeding thread. position: see
-    // suts_StgROTransfer::Put.
+    // Queues a record for the thread. From the feeding thread. See suts_StgROTransfer::Put.
     void Put(suts_StgROTransfer::QEntry const& entry, suts_StgLogPosition const& position)
         SUTL_EXCLUDES(transferMutex_) {
         sutl_MutexLock lock(transferMutex_);
@@ -66,10 +65,13 @@ class suts_StgOrganizer {
     void ReadKeyFile(suts_tsspec const& spec, char const* recoverFromPath, sutl_Descriptor const& newKeyFile);
     // Organizer thread only, as the rest.
     [[nodiscard]] int TakeBatch(Batch& batch, bool& endReached) SUTL_EXCLUDES(transferMutex_);
-    void AbsorbRecords(suts_StgROTransfer::QEntry* entries, int count);
-    void FindSets(suts_StgROTransfer::QEntry* entries, int count);
-    void InsertKeys(suts_StgROTransfer::QEntry* entries, int from, int count) SUTL_EXCLUDES(keys_.lock);
-    void Place(suts_StgROTransfer::QEntry const& entry, suts_StgBucketSet& set);
+    void AbsorbRecords(suts_StgROTransfer::QEntry const* entries, int count);
+    void FindNodes(suts_StgROTransfer::QEntry const* entries, int count);
+    void InsertKeys(suts_StgROTransfer::QEntry const* entries, int from, int count) SUTL_EXCLUDES(keys_.lock);
+    [[nodiscard]] int FirstOpening(suts_StgROTransfer::QEntry const* entries, int from, int count);
+    void PlaceAll(suts_StgROTransfer::QEntry const* entries, int from, int to);
+    void PlaceInSet(suts_StgROTransfer::QEntry const* entries, suts_StgKeyNode& node);
+    [[nodiscard]] unsigned long SlotOf(unsigned long bucket) const;
     void AdvanceBuckets(unsigned long newCurrent);
     void Ship(bool final);
     [[nodiscard]] unsigned long BucketOf(long timeUs) const {
@@ -79,17 +81,26 @@ class suts_StgOrganizer {
     suts_StgRecovery& recovery_;
     suts_StgShipper& shipper_;
     suts_tsspec const& spec_;
-    suts_StgKeyIndex keys_;  // has its own lock
+    suts_StgKeyIndex keys_;      // has its own lock
+    suts_StgChunkStore chunks_;  // of the sets' buckets
 
     // The bucket clock, owned by the organizer thread.
     unsigned long const baseUs_ = 0;  // where bucket 0 begins
     unsigned long const windowWidthUs_;
     unsigned long const bucketWidthUs_;
-    unsigned long latestUs_;                                                 // greatest record time absorbed
-    std::atomic<unsigned long> current_;                                     // newest open bucket; written by TOrg
-    std::array<unsigned long, suts_StgBucketSet::BUCKETS> placed_ = {};      // records placed per slot
-    long pendingAdvance_ = 0;                                                // buckets opened since the last hand-off
-    std::array<suts_StgBucketSet*, ABSORPTION_RECORDS_END> batchSets_ = {};  // the set of each record of a batch
+    unsigned long latestUs_;                                             // greatest record time absorbed
+    std::atomic<unsigned long> current_;                                 // newest open bucket; written by TOrg
+    std::array<unsigned long, suts_StgBucketSet::BUCKETS> placed_ = {};  // records placed per slot
+    long pendingAdvance_ = 0;                                            // buckets opened since the last hand-off
+
+    // Of the batch at hand; the organizer thread's.
+    template <typename T>
+    using PerRecord = std::array<T, ABSORPTION_RECORDS_END>;
+    sutl_ByteQueue batchBytes_;                 // keys and values of its records
+    PerRecord<unsigned long> hashes_ = {};      // of the keys
+    PerRecord<suts_StgKeyNode*> nodes_ = {};    // of the keys
+    PerRecord<suts_StgKeyNode*> touched_ = {};  // the different ones among those of the records being placed
+    PerRecord<int> nextOfNode_ = {};            // the next record that goes to the same set; none behind the last
 
     State state_ = RUNNING;  // feeding thread
     sutl_Mutex transferMutex_;

@@ -190,11 +190,11 @@ void suts_StgRecovery::CloseFile() {
     fileBytes_ = 0;
 }
 
-void suts_StgRecovery::Mark(void* fileRecord) {
+void suts_StgRecovery::Mark(void* fileRecord, unsigned long records) {
     auto& file = *static_cast<suts_StgFileRecord*>(fileRecord);
     sutl_MutexLock lock(mutex_);
     ReviewKept();
-    ++file.Committed;
+    file.Committed += records;
     if (file.closed && file.Committed == file.Elements.load(std::memory_order_relaxed)) {
         // A count of records off a sum of bytes: the total tracks the undelivered volume only roughly, and the size
         // limit is tuned to exactly this sum.
@@ -283,13 +283,13 @@ void suts_StgRecovery::PrintStatus() {
 // Playback ------------------------------------------------------------------------------------------------------------
 
 suts_StgRecoveryPlayback::suts_StgRecoveryPlayback(suts_tsspec const& spec, char const* directory)
-    : directory_(directory), spec_(spec), writer_(nullptr) {
+    : directory_(directory), spec_(spec), valueBytes_(suts_FixedBytes(spec, 1, spec.fieldCount)), writer_(nullptr) {
     fileNumber_ = StartAsyncRead();
     done_ = fileNumber_ < 0;
 }
 
 suts_StgRecoveryPlayback::suts_StgRecoveryPlayback(suts_tsspec const& spec, suts_StgRecovery& writer)
-    : spec_(spec), writer_(&writer) {}
+    : spec_(spec), valueBytes_(suts_FixedBytes(spec, 1, spec.fieldCount)), writer_(&writer) {}
 
 int suts_StgRecoveryPlayback::StartAsyncRead() {
     auto const number = static_cast<int>(suts_Recovery_LowestRecovFileIndex(directory_.c_str(), 0));
@@ -425,6 +425,7 @@ unsigned int suts_StgRecoveryPlayback::QNext(suts_StgEntry& entry) {
     entry.key.length = 0;
     entry.value.length = 0;
     if (done_) return 1;
+    if (TakeFromBlock(entry)) return 0;
     unsigned char head[SUTS_LOG_HEAD_BYTES];
     int const got = ReadBytes(head, sizeof head);
     if (got < static_cast<int>(sizeof head)) return End(got == 0 ? NOTHING : CUT);
@@ -442,9 +443,33 @@ unsigned int suts_StgRecoveryPlayback::QNext(suts_StgEntry& entry) {
         if (piece != WHOLE) return End(piece);
         if (i == 0) keyBytes = record_.Size();
     }
-    entry.key.Assign(record_.Data(), keyBytes);
-    entry.value.Assign(record_.Data() + keyBytes, record_.Size() - keyBytes);
+    entry.key = sutl_RawBytefield::Shared(record_.Data(), keyBytes);
+    entry.value = sutl_RawBytefield::Shared(record_.Data() + keyBytes, record_.Size() - keyBytes);
     return 0;
+}
+
+// The common case: a sound record that lies in the block as a whole. False, and nothing taken, where it is neither.
+bool suts_StgRecoveryPlayback::TakeFromBlock(suts_StgEntry& entry) {
+    unsigned char const* const head = block_ + readPosition_;
+    unsigned char const* const end = block_ + fillBytes_;
+    if (end - head < SUTS_LOG_HEAD_BYTES) return false;
+    int valueBytesMax;
+    memcpy(&entry.time, head, sizeof entry.time);
+    memcpy(&valueBytesMax, head + sizeof entry.time, sizeof valueBytesMax);
+    unsigned char const* const key = head + SUTS_LOG_HEAD_BYTES;
+    unsigned char const* const value = suts_BehindStored(key, end, spec_, 0, 1);
+    if (value == nullptr || valueBytesMax < 0 || valueBytesMax > end - value) return false;
+    unsigned char const* behind = nullptr;
+    if (valueBytes_ < 0) {
+        behind = suts_BehindStored(value, value + valueBytesMax, spec_, 1, spec_.fieldCount);
+    } else if (valueBytes_ <= valueBytesMax) {
+        behind = value + valueBytes_;
+    }
+    if (behind == nullptr) return false;
+    entry.key = sutl_RawBytefield::Shared(key, static_cast<int>(value - key));
+    entry.value = sutl_RawBytefield::Shared(value, static_cast<int>(behind - value));
+    readPosition_ = static_cast<unsigned int>(behind - block_);
+    return true;
 }
 
 // Dump ----------------------------------------------------------------------------------------------------------------
@@ -492,8 +517,6 @@ void suts_StgPrintRecoverData(FILE* out, suts_tsspec const& spec, char const* di
         fprintf(out, " -> %lu ", static_cast<unsigned long>(entry.time));
         int offset = 0;
         for (int i = 1; i < spec.fieldCount; ++i) offset = PrintField(entry.value, spec.Type(i), offset);
-        entry.key.Clear();
-        entry.value.Clear();
         fputc('\n', stderr);
     }
 }

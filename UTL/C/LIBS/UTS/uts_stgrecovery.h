@@ -76,9 +76,9 @@ class suts_StgRecovery {
         return currentRecord_;
     }
 
-    // One record counted in the file of this handle has been shipped. Removes the file when it was the last of a closed
-    // one.
-    void Mark(void* fileRecord) SUTL_EXCLUDES(mutex_);
+    // So many records counted in the file of this handle have been shipped. Removes the file when the last of a closed
+    // one was among them.
+    void Mark(void* fileRecord, unsigned long records = 1) SUTL_EXCLUDES(mutex_);
 
     // Removes the file of the number; a failure is reported and has no other consequence.
     void DeleteFile(unsigned long number);
@@ -142,7 +142,7 @@ class suts_StgRecovery {
     unsigned char block_[SUTS_LOG_BLOCK_BYTES];  // bytes not yet written
 };
 
-// One record as replayed. The byte fields' heap arrays belong to whoever holds the entry.
+// One record as replayed. The byte fields share their bytes with the playback that has filled it.
 struct suts_StgEntry {
     long time;                // microseconds
     sutl_RawBytefield key;    // field 0, stored form
@@ -164,9 +164,9 @@ class suts_StgRecoveryPlayback {
     // Opens the file of a number for reading; none on failure, without a report.
     [[nodiscard]] sutl_Descriptor NewFileToRead(int number) const;
 
-    // Fills the entry with the next record, whose heap arrays the caller owns, and returns 0; or returns 1 at the end
-    // of the data. A record that is cut or whose fields need more than its value's length is reported and is the end as
-    // well; the entry then holds nothing to free. A read error is an assertion.
+    // Fills the entry with the next record, whose bytes are valid until the next call, and returns 0; or returns 1 at
+    // the end of the data. A record that is cut or whose fields need more than its value's length is reported and is
+    // the end as well. A read error is an assertion.
     unsigned int QNext(suts_StgEntry& entry);
 
     // Copies up to length bytes of the stream to the destination, sets number to the file they end in, and returns how
@@ -185,6 +185,7 @@ class suts_StgRecoveryPlayback {
     [[nodiscard]] bool Refill(sutl_AssertSite const& site);  // false at the end of the stream
     [[nodiscard]] bool OpenNextFile();
     bool ReportUnopened(int number) const;
+    [[nodiscard]] bool TakeFromBlock(suts_StgEntry& entry);
     [[nodiscard]] int ReadBytes(unsigned char* to, int length);
     [[nodiscard]] Piece ReadField(int index, long end);
     [[nodiscard]] Piece ReadString(long end);
@@ -192,6 +193,7 @@ class suts_StgRecoveryPlayback {
 
     std::string const directory_;  // empty for a trail reader
     suts_tsspec const& spec_;
+    int const valueBytes_;            // of every value; -1 where the schema's strings make them differ
     suts_StgRecovery* const writer_;  // null but for a trail reader
     sutl_Descriptor file_;            // the file being read
     int fileNumber_ = 0;              // its number

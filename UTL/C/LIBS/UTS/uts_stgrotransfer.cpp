@@ -12,16 +12,26 @@ constexpr sutl_AssertSite SITE_TRAIL_2 = {SITE_FILE, 118};
 constexpr sutl_AssertSite SITE_READ_BACK = {SITE_FILE, 119};
 constexpr sutl_AssertSite SITE_EMPTY = {SITE_FILE, 131};
 
-}  // namespace
-
-suts_StgROTransfer::~suts_StgROTransfer() {
-    while (memoryQueue_.size > 0) DropOldestFromMemory();
+// The field with its bytes in the queue.
+sutl_RawBytefield KeepIn(sutl_ByteQueue& bytes, sutl_RawBytefield const& field) {
+    if (field.length <= sutl_RawBytefield::INLINE_BYTES_MAX) return field;
+    auto const count = static_cast<std::size_t>(field.length);
+    unsigned char* const place = bytes.Add(count);
+    memcpy(place, field.Data(), count);
+    return sutl_RawBytefield::Shared(place, field.length);
 }
 
+// The oldest field that was kept there goes.
+void DropFrom(sutl_ByteQueue& bytes, sutl_RawBytefield const& field) {
+    if (field.length > sutl_RawBytefield::INLINE_BYTES_MAX) bytes.Drop(static_cast<std::size_t>(field.length));
+}
+
+}  // namespace
+
 void suts_StgROTransfer::DropOldestFromMemory() {
-    QEntry dropped = memoryQueue_.Getend();
-    dropped.first.Clear();
-    dropped.second.Clear();
+    QEntry const dropped = memoryQueue_.Getend();
+    DropFrom(memoryBytes_, dropped.first);
+    DropFrom(memoryBytes_, dropped.second);
 }
 
 void suts_StgROTransfer::DropFromOldestRun() {
@@ -36,7 +46,8 @@ void suts_StgROTransfer::Put(QEntry const& entry, suts_StgLogPosition const& pos
     } else {
         runs_.Addfront({entry.file, 1});
     }
-    memoryQueue_.Addfront(entry);
+    memoryQueue_.Addfront(
+        {entry.file, entry.time, KeepIn(memoryBytes_, entry.first), KeepIn(memoryBytes_, entry.second)});
     if (memoryQueue_.size > MEMORY_RECORDS_MAX) DropOldestFromMemory();
     PositionOf(put_) = position;
     ++put_;
@@ -55,21 +66,24 @@ void suts_StgROTransfer::AdvanceTrail() {
     --trail_;
 }
 
-void suts_StgROTransfer::Take(QEntry& out) {
+void suts_StgROTransfer::Take(QEntry& out, sutl_ByteQueue& kept) {
     if (queued_ < 1) sutl_AssertFailed(SITE_EMPTY, "ERROR, getting from empty queue");
     if (queued_ > MEMORY_RECORDS_MAX) [[unlikely]] {
-        TakeFromLog(out);
+        TakeFromLog(out, kept);
         return;
     }
     if (reading_) [[unlikely]] {
         trailReader_.Detach();
         reading_ = false;
     }
-    out = memoryQueue_.Getend();
+    QEntry const oldest = memoryQueue_.Getend();
+    out = {oldest.file, oldest.time, KeepIn(kept, oldest.first), KeepIn(kept, oldest.second)};
+    DropFrom(memoryBytes_, oldest.first);
+    DropFrom(memoryBytes_, oldest.second);
     --queued_;
 }
 
-void suts_StgROTransfer::TakeFromLog(QEntry& out) {
+void suts_StgROTransfer::TakeFromLog(QEntry& out, sutl_ByteQueue& kept) {
     sutl_assertfunc(trail_ > MEMORY_RECORDS_MAX, SITE_TRAIL_2.file, SITE_TRAIL_2.line, "ERROR, trail mismatch 2",
                     nullptr);
     suts_StgEntry entry;
@@ -77,8 +91,8 @@ void suts_StgROTransfer::TakeFromLog(QEntry& out) {
     if (!placed || trailReader_.QNext(entry) != 0) sutl_AssertFailed(SITE_READ_BACK, "ERROR, recovery read failed!\n");
     reading_ = true;
     out.time = entry.time;
-    out.first = entry.key;
-    out.second = entry.value;
+    out.first = KeepIn(kept, entry.key);
+    out.second = KeepIn(kept, entry.value);
     --queued_;
     --trail_;
     out.file = runs_.Oldest().file;

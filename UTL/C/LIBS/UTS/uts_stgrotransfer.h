@@ -3,6 +3,7 @@
 
 #include <array>
 
+#include "sutl_bytequeue.h"
 #include "sutl_dqueue.h"
 #include "sutl_rawbytefield.h"
 #include "uts_stgrecovery.h"
@@ -21,7 +22,7 @@ class suts_StgROTransfer {
     static constexpr long TRAIL_RECORDS_MAX = MEMORY_RECORDS_MAX + 1;
     static constexpr long END_TIME = -1;  // the end marker's time; its file is null
 
-    // One record in flight. The byte fields' heap arrays belong to whoever holds the entry.
+    // One record in flight. The byte fields share their bytes with whoever keeps them for the holder of the entry.
     struct QEntry {
         suts_StgFileRecord* file;  // recovery handle; null in the end marker
         long time;                 // microseconds; negative only in the end marker
@@ -41,14 +42,14 @@ class suts_StgROTransfer {
         : trailReader_(spec, recovery), memoryQueue_(ENTRIES_PER_BLOCK), runs_(ENTRIES_PER_BLOCK) {}
     suts_StgROTransfer(suts_StgROTransfer const&) = delete;
     suts_StgROTransfer& operator=(suts_StgROTransfer const&) = delete;
-    ~suts_StgROTransfer();
 
-    // Adds the newest record, or the end marker, and takes over its heap arrays. position: where it begins in the log;
-    // of no meaning for the end marker, which is not in the log.
+    // Adds the newest record, or the end marker, with copies of its bytes. position: where it begins in the log; of no
+    // meaning for the end marker, which is not in the log.
     void Put(QEntry const& entry, suts_StgLogPosition const& position);
 
-    // Takes the oldest record into out, with its heap arrays. Only while Queued is above 0.
-    void Take(QEntry& out);
+    // Takes the oldest record into out, and its bytes into kept, with which out shares them. Only while Queued is above
+    // 0.
+    void Take(QEntry& out, sutl_ByteQueue& kept);
 
     [[nodiscard]] long Queued() const { return queued_; }  // records put and not yet taken, the end marker included
 
@@ -57,7 +58,7 @@ class suts_StgROTransfer {
 
     void DropOldestFromMemory();
     void AdvanceTrail();
-    void TakeFromLog(QEntry& out);
+    void TakeFromLog(QEntry& out, sutl_ByteQueue& kept);
     void DropFromOldestRun();
     [[nodiscard]] suts_StgLogPosition& PositionOf(unsigned long record) {
         return positions_[record % TRAIL_RECORDS_MAX];
@@ -67,6 +68,7 @@ class suts_StgROTransfer {
     bool reading_ = false;                  // the trail reader has been placed for the present backlog
     suts_StgLogPosition backlogStart_;      // of the oldest record queued when the newest backlog began
     sutl_DQUEUE<QEntry> memoryQueue_;       // the newest records, at most MEMORY_RECORDS_MAX
+    sutl_ByteQueue memoryBytes_;            // their keys and values, as far as these do not lie in the entries
     long queued_ = 0;                       // records put and not yet taken, in memory or on disk
     long trail_ = 0;                        // records put that lie behind the reader's place; at least queued_
     sutl_DQUEUE<PEntry> runs_;              // the files that count the trail's records; the counts add up to trail_

@@ -1,9 +1,13 @@
 #include "uts_stgshipassembly.h"
 
+#include <algorithm>
+#include <iterator>
+
+#include "sutl_netorder.h"
+
 namespace {
 
-// Entries kept for reuse; a cycle of a busy key gathers tens of thousands.
-constexpr std::size_t IDLE_ENTRIES_MAX = 1UL << 18;
+constexpr int ENCODED_BYTES = 4096;  // of records that are encoded before they are appended
 
 long WireBytes(sutl_RawBytefield const& stored, int strings) {
     return stored.length + static_cast<long>(strings) * SUTS_STRING_LENGTH_BYTES;
@@ -15,15 +19,13 @@ long EntryBytes(suts_StgShipBatch const& batch, sutl_RawBytefield const& value) 
 
 void AppendNumber8(sutl_NetorderByteField& out, unsigned long value) { out.Append8Byte(&value, 1); }
 
-// Appends the records of a bucket from newest back to shipped, exclusive, and marks them. Values are shared, or taken
-// over.
-void Gather(suts_StgShipBatch& batch, suts_StgPosition newest, suts_StgPosition const& shipped, bool takeValues) {
+// Adds the records of a bucket from newest back to shipped, exclusive.
+void Gather(suts_StgShipBatch& batch, suts_StgPosition newest, suts_StgPosition const& shipped) {
     for (; newest != shipped; newest.StepBack()) {
-        suts_StgBucketRecord& record = newest.Record();
-        batch.entries.Append(static_cast<unsigned long>(record.time), record.value, takeValues);
+        suts_StgBucketRecord const& record = newest.Record();
+        batch.entries.Add(record);
         batch.entriesBytes += EntryBytes(batch, record.value);
-        if (takeValues) record.value.length = 0;
-        batch.recovery.Mark(record.file);
+        batch.marks.Add(record.file);
     }
 }
 
@@ -36,65 +38,86 @@ void GatherBuckets(suts_StgShipBatch& batch, suts_StgBucketSet& buckets) SUTL_RE
         if (bucket.newest.IsEmpty()) continue;
         // The newest arrival tells, not the greatest time; and it ends the walk, for older slots too.
         if (static_cast<unsigned long>(bucket.newest.Record().time) >= batch.upperTimeBound) return;
-        Gather(batch, bucket.newest, bucket.shipped, false);
+        Gather(batch, bucket.newest, bucket.shipped);
         bucket.shipped = bucket.newest;
     }
 }
 
 void GatherRetired(suts_StgShipBatch& batch, suts_StgBucketSet& buckets) SUTL_REQUIRES_SHARED(buckets.lock) {
     while (suts_StgRetired* const retired = buckets.TakeRetired()) {
-        Gather(batch, retired->newest, retired->shipped, true);
-        suts_StgBucketSet::FreeChunks(retired->newest.Chunk());
-        delete retired;
+        Gather(batch, retired->newest, retired->shipped);
+        batch.retired.push_back(retired);
     }
 }
 
-// How many of the entries, oldest first, fit into room bytes.
-unsigned long CountFitting(suts_StgShipBatch& batch, long room) {
-    if (batch.entriesBytes <= room) return batch.entries.Size();
-    unsigned long count = 0;
-    for (sutl_list_base_iter at = batch.entries.First(); !at.IsEnd(); at.StepNext()) {
-        room -= EntryBytes(batch, batch.entries.Value(at).value);
-        if (room < 0) break;
+void FreeRetired(suts_StgShipBatch& batch) {
+    for (suts_StgRetired* const retired : batch.retired) {
+        batch.chunks->GiveFromShipThread(retired->newest);
+        delete retired;
+    }
+    batch.retired.clear();
+}
+
+// How many of the entries, oldest first, fit into room bytes, and what they take.
+std::size_t CountFitting(suts_StgShipBatch const& batch, std::span<suts_StgShipEntry const> entries, long room,
+                         long& bytes) {
+    bytes = batch.entriesBytes;
+    if (bytes <= room) return entries.size();
+    bytes = 0;
+    std::size_t count = 0;
+    for (suts_StgShipEntry const& entry : entries) {
+        long const entryBytes = EntryBytes(batch, entry.record->value);
+        // A record longer than a message goes alone: it must go.
+        if (bytes + entryBytes > room && count > 0) break;
+        bytes += entryBytes;
         ++count;
+        if (bytes > room) break;
     }
     return count;
 }
 
-// Encodes the first entry, which leaves the list.
-void AppendFirstEntry(suts_StgShipBatch& batch) {
-    sutl_list_base_iter const first = batch.entries.First();
-    suts_StgShipEntry& entry = batch.entries.Value(first);
-    batch.entriesBytes -= EntryBytes(batch, entry.value);
+// Encodes the entries, a block of them at a time.
+void AppendEntries(suts_StgShipBatch& batch, std::span<suts_StgShipEntry const> entries) {
     sutl_NetorderByteField& out = batch.messages.Current();
-    AppendNumber8(out, entry.time);
-    int offset = 0;
-    for (int i = 1; i < batch.spec.fieldCount; ++i) {
-        suts_ShpThrdAddBfToShpField(out, entry.value, batch.spec, i, offset);
+    suts_ByteScratch& encoded = batch.encoded;
+    for (suts_StgShipEntry const& entry : entries) {
+        sutl_RawBytefield const& value = entry.record->value;
+        int const before = encoded.Size();
+        unsigned char* const to = encoded.Grow(static_cast<int>(EntryBytes(batch, value)));
+        unsigned long const time = sutl_ToNetorder(entry.time);
+        memcpy(to, &time, sizeof time);
+        unsigned char const* const end = suts_EncodeValue(to + sizeof time, value, batch.spec);
+        encoded.Shrink(before + static_cast<int>(end - to));
+        if (encoded.Size() < ENCODED_BYTES) continue;
+        out.AppendBytes(encoded.Data(), static_cast<std::size_t>(encoded.Size()));
+        encoded.Reset();
     }
-    if (entry.ownsValue) entry.value.Clear();
-    batch.entries.Delete(first);
+    out.AppendBytes(encoded.Data(), static_cast<std::size_t>(encoded.Size()));
+    encoded.Reset();
 }
 
-// Encodes all entries, which leave the list: one block where it fits, several where it is longer than a message.
-void AppendBlocks(suts_StgShipBatch& batch, sutl_RawBytefield const& key) {
+// Encodes all entries: one block where it fits, several where it is longer than a message.
+void AppendBlocks(suts_StgShipBatch& batch, sutl_RawBytefield const& key, std::span<suts_StgShipEntry const> entries) {
     long const headBytes = WireBytes(key, batch.keyStrings) + SUTS_NUMBER8_BYTES;
     if (batch.messages.Room() < headBytes + batch.entriesBytes && !batch.messages.CurrentIsBare()) {
         batch.messages.StartFurther();
     }
     for (;;) {
-        unsigned long count = CountFitting(batch, batch.messages.Room() - headBytes);
-        // A record longer than a message goes alone: it must go.
-        if (count == 0 && !batch.entries.IsEmpty()) count = 1;
+        long bytes = 0;
+        std::size_t const count = CountFitting(batch, entries, batch.messages.Room() - headBytes, bytes);
         int offset = 0;
         suts_ShpThrdAddBfToShpField(batch.messages.Current(), key, batch.spec, 0, offset);
         AppendNumber8(batch.messages.Current(), count);
         batch.messages.CountRecords(count);
-        for (; count > 0; --count) AppendFirstEntry(batch);
-        if (batch.entries.IsEmpty()) return;
+        AppendEntries(batch, entries.first(count));
+        batch.entriesBytes -= bytes;
+        entries = entries.subspan(count);
+        if (entries.empty()) return;
         batch.messages.StartFurther();
     }
 }
+
+bool IsBefore(suts_StgShipEntry const& a, suts_StgShipEntry const& b) { return suts_StgShipQComp::Compare(a, b) < 0; }
 
 }  // namespace
 
@@ -123,17 +146,36 @@ bool suts_StgShipMessages::CurrentIsBare() const { return messages_[used_ - 1].b
 long suts_StgShipMessages::Room() const { return bytesMax_ - messages_[used_ - 1].bytes->Count(); }
 
 suts_StgShipBatch::suts_StgShipBatch(suts_StgRecovery& log, suts_tsspec const& schema, long messageBytesMax)
-    : recovery(log),
-      spec(schema),
+    : spec(schema),
       keyStrings(schema.HasKeyField() ? suts_StringFields(schema, 0, 1) : 0),
       valueStrings(schema.HasKeyField() ? suts_StringFields(schema, 1, schema.fieldCount) : 0),
       messages(messageBytesMax),
-      entries(IDLE_ENTRIES_MAX) {}
+      marks(log) {}
 
-long suts_StgShipQComp::Compare(sutl_list_base_iter const& a, sutl_list_base_iter const& b) {
-    unsigned long const timeA = sutl_LIST<suts_StgShipEntry>::Value(a).time;
-    unsigned long const timeB = sutl_LIST<suts_StgShipEntry>::Value(b).time;
-    return static_cast<long>(timeA > timeB) - static_cast<long>(timeA < timeB);
+// Records come in order of time but for a few: these are taken out, sorted, and merged in again. A late entry is older
+// than one before it, and so is every later entry of the same time: of equal times the ones in place come first.
+std::span<suts_StgShipEntry const> suts_StgShipEntries::Sorted() {
+    std::reverse(gathered_.begin(), gathered_.end());
+    if (std::is_sorted(gathered_.begin(), gathered_.end(), IsBefore)) return gathered_;
+    auto inPlace = gathered_.begin();
+    for (suts_StgShipEntry const& entry : gathered_) {
+        if (inPlace != gathered_.begin() && IsBefore(entry, *std::prev(inPlace))) {
+            late_.push_back(entry);
+        } else {
+            *inPlace++ = entry;
+        }
+    }
+    std::stable_sort(late_.begin(), late_.end(), IsBefore);
+    merged_.resize(gathered_.size());
+    std::merge(gathered_.begin(), inPlace, late_.begin(), late_.end(), merged_.begin(), IsBefore);
+    return merged_;
+}
+
+void suts_StgShipEntries::Clear() {
+    for (std::vector<suts_StgShipEntry>* const entries : {&gathered_, &late_, &merged_}) {
+        entries->clear();
+        if (entries->capacity() > IDLE_ENTRIES_MAX) entries->shrink_to_fit();
+    }
 }
 
 void suts_AppendKeyToMessages(suts_StgShipMessages& messages, sutl_RawBytefield const& key, suts_tsspec const& spec) {
@@ -146,11 +188,7 @@ void suts_AppendKeyToMessages(suts_StgShipMessages& messages, sutl_RawBytefield 
 void suts_ShipThrdAssembly(suts_StgShipBatch& batch, sutl_RawBytefield const& key, suts_StgBucketSet& buckets) {
     GatherBuckets(batch, buckets);
     GatherRetired(batch, buckets);
-    if (!batch.entries.IsEmpty()) {
-        suts_StgShipQComp byTime;
-        sutl_list_base_iter first = batch.entries.First();
-        sutl_list_base_iter last = batch.entries.Last();
-        batch.entries.Sort(first, last, &byTime);
-    }
-    AppendBlocks(batch, key);
+    AppendBlocks(batch, key, batch.entries.Sorted());
+    batch.entries.Clear();
+    FreeRetired(batch);
 }

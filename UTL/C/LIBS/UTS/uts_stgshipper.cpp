@@ -111,6 +111,7 @@ void suts_StgShipper::ShipRecords(suts_StgKeyIndex& keys) {
                 group[groupKeys++] = at;
             } while (groupKeys < SUTS_SHIP_GROUP_KEYS_MAX && at != keys.shipCursor);
         }
+        for (int i = 0; i < groupKeys; ++i) sutl_LIST<suts_StgKeyListEntry>::Value(group[i]).node->Prefetch();
         batch_.messages.Begin(SUTS_SHIP_RECORDS);
         // A group that has filled a message ends early; the next group begins with the key after it.
         for (int i = 0; i < groupKeys && batch_.messages.Used() == 1; ++i) {
@@ -119,6 +120,7 @@ void suts_StgShipper::ShipRecords(suts_StgKeyIndex& keys) {
             suts_ShipThrdAssembly(batch_, entry.key, entry.node->set);
             shipped = group[i];
         }
+        batch_.marks.Flush();
         Send();
     }
 }
@@ -126,6 +128,7 @@ void suts_StgShipper::ShipRecords(suts_StgKeyIndex& keys) {
 void suts_StgShipper::RunCycle() {
     batch_.upperTimeBound = running_.upperTimeBound;
     batch_.bucketNumber = running_.bucketNumber;
+    batch_.chunks = running_.chunks;
     fputs(" TShp: Starting..\n", stderr);
     sutl_ResourceUsage const usage;
     if (!running_.final && link_.Renew()) running_.keys->shipCursor.MakeEnd();

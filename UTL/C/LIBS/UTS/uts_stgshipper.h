@@ -12,9 +12,10 @@
 // while it runs.
 struct suts_StgShipJob {
     suts_StgKeyIndex* keys = nullptr;
-    unsigned long upperTimeBound = 0;  // microseconds; records at or after it stay in the buckets
-    unsigned long bucketNumber = 0;    // the newest bucket to ship
-    bool final = false;                // no cycle follows
+    suts_StgChunkStore* chunks = nullptr;  // where the memory of shipped records goes
+    unsigned long upperTimeBound = 0;      // microseconds; records at or after it stay in the buckets
+    unsigned long bucketNumber = 0;        // the newest bucket to ship
+    bool final = false;                    // no cycle follows
 };
 
 // Sends, per cycle, the keys that are new, the records of every key, and an end-of-cycle message, all on the first of
