@@ -20,9 +20,14 @@ from running import Failure, die_with_parent, free_ports  # noqa: E402
 
 YARDSTICK = "limit"
 SYSTEMS = {"brindle": "brindle", "limit": "bench_limit", "pump": "bench_pump"}
+# Stores of general use behind one front end, and the program of their server where they have one.
+PEERS = {"rocksdb": None, "sqlite": None, "redis": "redis-server", "nats": "nats-server", "postgresql": "postgres"}
+SERVER_FOLDERS = ("/usr/sbin", "/usr/lib/postgresql/*/bin")  # beyond the search path
+PROGRAMS = SYSTEMS | {peer: f"bench_{peer}" for peer in PEERS}
 WORKLOADS = {"ticks": 2_000_000, "many": 2_000_000, "wide": 500_000}
 WINDOW = 4  # seconds
-COMPARED = ("kilorecords_per_s", "cpu_ns", "peak_mb")  # figures that bear a ratio to the limit
+# Figures that bear a ratio to another system's, what they are called, and which of two is the better.
+COMPARED = {"kilorecords_per_s": ("1000 records/s", max), "cpu_ns": ("CPU ns/record", min), "peak_mb": ("peak MB", min)}
 QUICK_SHARE = 2  # of the records
 MEGABYTE = 1e6
 TRIES = 3  # with other ports, where one is taken
@@ -59,6 +64,7 @@ class Job:
         ship, data, query = ports[:2], ports[2:4], ports[4:]
         recovery, spec, usage = directory / "recovery", directory / "schema.spec", directory / "usage"
         recovery.mkdir()
+        directory.chmod(0o711)  # a peer's server may run as another user
         driver_line = [binaries / "bench_driver", "--workload", self.workload, "--spec", spec, "--ship", ",".join(ship),
                        "--data", ",".join(data), "--seed", self.seed, "--window", self.window * 1_000_000]
         for option, value in (("--records", self.records), ("--keys", self.keys)):
@@ -66,7 +72,7 @@ class Job:
         driver_line += ["--late", self.late_us] if self.late_us is not None else []
         driver_line += ["--query", ",".join(query)] if self.query else []
         driver_line += ["--raw"] if self.system == "pump" else []
-        system_line = [binaries / "bench_run", usage, binaries / SYSTEMS[self.system], spec, recovery, "127.0.0.1",
+        system_line = [binaries / "bench_run", usage, binaries / PROGRAMS[self.system], spec, recovery, "127.0.0.1",
                        *ship, *data, self.window, *query]
         started = []
         with (directory / "errors").open("w+") as errors:
@@ -138,6 +144,20 @@ class Session:
         return runs
 
 
+def search_servers() -> None:
+    """Where the peers, too, look for the programs of their servers."""
+    folders = [str(folder) for pattern in SERVER_FOLDERS for folder in sorted(Path("/").glob(pattern[1:]))]
+    os.environ["PATH"] = os.pathsep.join([os.environ["PATH"], *folders])
+
+
+def absence(peer: str, binaries: Path) -> str:
+    """Why this peer cannot be measured; empty when it can."""
+    if not (binaries / PROGRAMS[peer]).exists():
+        return "its library was not found when the bench was built"
+    server = PEERS[peer]
+    return f"{server} is not installed" if server and not shutil.which(server) else ""
+
+
 def spread(values: list[float], digits: int = 0) -> str:
     """Median, and the range where there is one."""
     if not values:
@@ -171,7 +191,7 @@ def summary(runs: list[dict]) -> dict[str, dict[str, float]]:
     """Medians per workload and system, as they are compared between two files."""
     lines = {}
     for workload in WORKLOADS:
-        for system in SYSTEMS:
+        for system in PROGRAMS:
             own = of(runs, workload=workload, system=system)
             if not own:
                 continue
@@ -194,7 +214,7 @@ def table(runs: list[dict]) -> str:
     rows = []
     for workload in WORKLOADS:
         limit = of(runs, workload=workload, system=YARDSTICK)
-        for system in SYSTEMS:
+        for system in PROGRAMS:
             own = of(runs, workload=workload, system=system)
             if not own:
                 continue
@@ -207,6 +227,21 @@ def table(runs: list[dict]) -> str:
             rows.append([workload, system, *cells("kilorecords_per_s"), *cells("cpu_ns"), *cells("peak_mb"), back,
                          spread([run["driver_cpu_ns"] for run in own])])
     return markdown(head, rows)
+
+
+def peer_table(runs: list[dict]) -> str:
+    """The server by each peer, run by run, and which of them is the best at a figure by itself."""
+    peers = [peer for peer in PEERS if of(runs, system=peer)]
+    rows = []
+    for workload in WORKLOADS:
+        here = of(runs, workload=workload)
+        server = of(here, system="brindle")
+        for figure, (title, better) in COMPARED.items():
+            medians = {peer: median(run[figure] for run in own) for peer in peers if (own := of(here, system=peer))}
+            if medians and server:
+                cells = [spread(ratios(server + of(here, system=peer), figure, to=peer), 2) for peer in peers]
+                rows.append([workload, title, *cells, better(medians, key=medians.get)])
+    return markdown(["workload", "brindle's", *(f"to {peer}" for peer in peers), "best peer"], rows) if rows else ""
 
 
 def query_table(runs: list[dict]) -> str:
@@ -309,8 +344,10 @@ def machine() -> dict[str, object]:
 def arguments() -> argparse.Namespace:
     parser = argparse.ArgumentParser(prog="scripts/bench", description="Measures the server beside its limit.")
     parser.add_argument("--quick", action="store_true", help="in less than 3 minutes: fewer rounds, half the records")
+    parser.add_argument("--peers", action="store_true",
+                        help="beside general stores that do the same job, too; in less than 25 minutes")
     parser.add_argument("--workload", choices=WORKLOADS, action="append", help="only this one; may be repeated")
-    parser.add_argument("--system", choices=SYSTEMS, action="append", help="only this one, and the limit")
+    parser.add_argument("--system", choices=PROGRAMS, action="append", help="only this one, and the limit")
     parser.add_argument("--rounds", type=int, default=0, help="runs of each system with each workload")
     parser.add_argument("--records", type=int, default=0, help="in place of the workload's own number")
     parser.add_argument("--seed", type=int, default=1)
@@ -341,10 +378,15 @@ def measure(options: argparse.Namespace, session: Session) -> dict:
         for series in GROWTHS:
             growth[series.name] = session.rounds(rounds, lambda _: series.jobs(options.seed, most))
     else:
-        systems = {*(options.system or SYSTEMS), YARDSTICK}
+        systems = {*(options.system or SYSTEMS), *(PEERS if options.peers and not options.system else ()), YARDSTICK}
+        search_servers()
+        for peer in PEERS.keys() & systems:
+            if why := absence(peer, session.binaries):
+                print(f"skipped {peer}: {why}")
+                systems.remove(peer)
         for workload in workloads:
             turn = [Job(system, workload, records(workload), seed=options.seed)
-                    for system in SYSTEMS if system in systems]
+                    for system in PROGRAMS if system in systems]
             runs += session.rounds(rounds, lambda _: turn)
         if "ticks" in workloads and "brindle" in systems:
             asked = Job("brindle", "ticks", records("ticks"), seed=options.seed, query=True)
@@ -370,6 +412,8 @@ def main() -> int:
           f"{figures['seconds']} s; median (least-greatest)\n")
     if figures["runs"]:
         print(table(figures["runs"]))
+        if beside_peers := peer_table(figures["runs"]):
+            print(beside_peers)
     if figures["queries"]:
         print(query_table(figures["queries"]))
     for series in GROWTHS:

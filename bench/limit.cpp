@@ -11,9 +11,8 @@
 
 #include "bytes.h"
 #include "checksum.h"
-#include "layout.h"
 #include "pairs.h"
-#include "sutl_frame.h"
+#include "records.h"
 
 namespace {
 
@@ -117,7 +116,7 @@ class Keys {
 class Limit {
  public:
     Limit(bench_StandIn const& link, suts_tsspec const& spec)
-        : link_(link), spec_(spec), keyShape_(spec, 0, 1), valueShape_(spec, 1, spec.fieldCount) {
+        : link_(link), spec_(spec), reader_(spec), dues_(link.windowUs), valueShape_(spec, 1, spec.fieldCount) {
         OpenLog();
     }
 
@@ -131,13 +130,11 @@ class Limit {
             if (count < 0 || (count == 0 && kept > 0)) return EXIT_FAILURE;
             if (count == 0) break;
             unsigned char const* const end = buffer.data() + kept + count;
-            unsigned char const* at = buffer.data();
-            while (unsigned char const* const next = frameLeft_ == 0 ? TakeHeader(at, end) : TakeRecord(at, end)) {
-                at = next;
-            }
-            kept = static_cast<std::size_t>(end - at);
+            unsigned char const* const rest =
+                reader_.Take(buffer.data(), end, [this](bench_WireRecord const& record) { TakeRecord(record); });
+            kept = static_cast<std::size_t>(end - rest);
             if (kept + SUTL_TRANSFER_BYTES_MAX > ROOM) return EXIT_FAILURE;
-            memmove(buffer.data(), at, kept);
+            memmove(buffer.data(), rest, kept);
         }
         Ship();
         return EXIT_SUCCESS;
@@ -150,31 +147,17 @@ class Limit {
         char const* end;
     };
 
-    unsigned char const* TakeHeader(unsigned char const* at, unsigned char const* end) {
-        if (end - at < static_cast<long>(SUTL_FRAME_HEADER_BYTES)) return nullptr;
-        frameLeft_ = bench_Number4(at);
-        return at + SUTL_FRAME_HEADER_BYTES;
-    }
-
-    unsigned char const* TakeRecord(unsigned char const* at, unsigned char const* end) {
-        unsigned char const* const behindKey = keyShape_.Behind(at, end);
-        if (behindKey == nullptr || end - behindKey < SUTS_NUMBER8_BYTES) return nullptr;
-        unsigned char const* const next = valueShape_.Behind(behindKey + SUTS_NUMBER8_BYTES, end);
-        if (next == nullptr) return nullptr;
-        frameLeft_ -= next - at;
-        unsigned long const time = bench_Number8(behindKey);
-        Log(time, at, behindKey + SUTS_NUMBER8_BYTES, next);
-        if (time >= shipFrom_) {
-            if (shipFrom_ > 0) Ship();
-            auto const halfWindowUs = static_cast<unsigned long>(link_.windowUs) / 2;
-            shipFrom_ = (time / halfWindowUs + 1) * halfWindowUs;
-        }
-        Key& key = keys_.Find({reinterpret_cast<char const*>(at), static_cast<std::size_t>(behindKey - at)});
-        key.staged.append(reinterpret_cast<char const*>(behindKey), static_cast<std::size_t>(next - behindKey));
+    void TakeRecord(bench_WireRecord const& record) {
+        unsigned long const time = record.Time();
+        Log(time, record.key, record.Value(), record.end);
+        if (dues_.Due(time)) Ship();
+        Key& key = keys_.Find(
+            {reinterpret_cast<char const*>(record.key), static_cast<std::size_t>(record.behindKey - record.key)});
+        key.staged.append(reinterpret_cast<char const*>(record.behindKey),
+                          static_cast<std::size_t>(record.end - record.behindKey));
         key.inOrder = key.inOrder && time >= key.latest;
         key.latest = std::max(key.latest, time);
         ++key.records;
-        return next;
     }
 
     // Logs in stored form: time, size of the value, key, value.
@@ -290,10 +273,9 @@ class Limit {
 
     bench_StandIn const& link_;
     suts_tsspec const& spec_;
-    bench_Shape const keyShape_;
+    bench_RecordReader reader_;
+    bench_HandOffs dues_;
     bench_Shape const valueShape_;
-    long frameLeft_ = 0;          // bytes of the frame at hand
-    unsigned long shipFrom_ = 0;  // a record of this time or later starts the next cycle; 0 before the first record
     Keys keys_;
     std::size_t announced_ = 0;  // of the keys
     std::vector<Place> places_;  // of the records being sorted
@@ -307,7 +289,8 @@ class Limit {
 }  // namespace
 
 int main(int argc, char** argv) {
-    bench_StandIn const link(argc, argv);
+    bench_StandIn link(argc, argv);
+    link.Open();
     suts_tsspec spec;
     if (spec.Init(link.spec) != suts_tsspec::LOADED) return EXIT_FAILURE;
     return Limit(link, spec).Run();

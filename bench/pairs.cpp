@@ -62,8 +62,14 @@ bench_StandIn::bench_StandIn(int argc, char** argv) {
     }
     spec = argv[1];
     directory = argv[2];
+    ship = {Port(argv[4]), Port(argv[5])};
+    data = {Port(argv[6]), Port(argv[7])};
     windowUs = strtol(argv[8], nullptr, 10) * 1000000;
-    consumer = bench_Connect({Port(argv[4]), Port(argv[5])});
-    producer.Listen(Port(argv[6]), Port(argv[7]));
+    freePort = argc > ARGUMENTS_MIN ? Port(argv[ARGUMENTS_MIN]) : 0;
+}
+
+void bench_StandIn::Open() {
+    consumer = bench_Connect(ship);
+    producer.Listen(data.first, data.second);
     if (!producer.AcceptPair()) exit(EXIT_FAILURE);
 }

@@ -27,13 +27,17 @@ struct bench_Pair {
 [[nodiscard]] bool bench_Send(int connection, std::span<unsigned char const> bytes, std::size_t most, int flags = 0);
 
 // What a program that stands in for the server is started with: SPEC DIRECTORY HOST SHIP1 SHIP2 DATA1 DATA2 WINDOW,
-// and further arguments that it ignores. Connects to the consumer and accepts the producer.
+// and, for peers, the first query port, which nobody connects to. It ignores further arguments.
 struct bench_StandIn {
     bench_StandIn(int argc, char** argv);
+    void Open();  // connects to the consumer and accepts the producer
 
     char const* spec;
     std::string directory;
+    bench_Ports ship;
+    bench_Ports data;
     long windowUs;
+    unsigned short freePort;
     bench_Pair consumer;
     sutl_TCPSockServer producer;
 };

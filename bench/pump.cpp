@@ -5,7 +5,8 @@
 #include "sutl_frame.h"
 
 int main(int argc, char** argv) {
-    bench_StandIn const link(argc, argv);
+    bench_StandIn link(argc, argv);
+    link.Open();
     sutl_Descriptor const file = sutl_OpenFile((link.directory + "/F1").c_str(), O_WRONLY | O_CREAT | O_EXCL, 0700);
     unsigned char bytes[SUTL_TRANSFER_BYTES_MAX];
     while (true) {

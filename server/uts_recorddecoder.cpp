@@ -24,11 +24,13 @@ bool suts_RecordDecoder::Next(long& time, sutl_RawBytefield& key, sutl_RawBytefi
     ++records_;
     Fault fault;
     while (!TakeFromWindow(time, key, value, fault)) {
-        if (frame_->Count() == 0) {
+        fault.bytesLeft += frame_->Count();
+        if (frame_->Count() == 0 || fault.claimedBytes > fault.bytesLeft) {
             Report(fault);
             return false;
         }
         Refill();
+        fault = {};
     }
     return true;
 }
@@ -59,6 +61,11 @@ bool suts_RecordDecoder::TakeFromWindow(long& time, sutl_RawBytefield& key, sutl
         }
     }
     fault.bytesLeft = end_ - from;
+    if (!fault.inTime && fault.kind == FIELD_STRING_TOO_LONG) {
+        unsigned int claimed;
+        memcpy(&claimed, from - sizeof claimed, sizeof claimed);
+        fault.claimedBytes = sutl_ToNetorder(claimed);
+    }
     return false;
 }
 

@@ -34,7 +34,8 @@ class suts_RecordDecoder {
         suts_FieldFault kind = FIELD_WHOLE;
         int field = 0;  // its number; 0 with IN_TIME for the time stamp
         bool inTime = false;
-        long bytesLeft = 0;  // of the window, behind what was read of the field
+        long bytesLeft = 0;     // of the frame, behind what was read of the field
+        long claimedBytes = 0;  // by a string that is too long
     };
 
     [[nodiscard]] bool TakeFromWindow(long& time, sutl_RawBytefield& key, sutl_RawBytefield& value, Fault& fault);

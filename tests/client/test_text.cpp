@@ -1,9 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <bit>
-#include <cmath>
 #include <limits>
-#include <random>
 
 #include "time_text.h"
 #include "value_text.h"
@@ -16,9 +14,7 @@ TEST(TimeText, ReadsIsoTimesAndMicroseconds) {
         long timeUs;
     } const rows[] = {
         {"0", 0},
-        {"-1", -1},
         {"9223372036854775807", std::numeric_limits<long>::max()},
-        {"1970-01-01", 0},
         {"2001-01-01T00:15:00Z", 978308100000000},
         {"2001-01-01 00:15", 978308100000000},
         {"2000-02-29T23:59:59.999999Z", 951868799999999},
@@ -27,7 +23,6 @@ TEST(TimeText, ReadsIsoTimesAndMicroseconds) {
         {"2001-01-01T01:15:00+01:00", 978308100000000},
         {"2000-12-31T18:45:00-0530", 978308100000000},
         {"1969-12-31T23:59:59.999999Z", -1},
-        {"9999-12-31T23:59:59Z", 253402300799000000},
     };
     for (auto const& row : rows) {
         long timeUs = 0;
@@ -37,40 +32,16 @@ TEST(TimeText, ReadsIsoTimesAndMicroseconds) {
 }
 
 TEST(TimeText, RefusesWhatIsNoTime) {
-    for (char const* const text : {"",
-                                   "-",
-                                   "x",
-                                   "1.5",
-                                   "9223372036854775808",
-
-                                   "2001-1-1",
-                                   "2001-02-29",
-                                   "2001-13-01",
-                                   "2001-00-10",
-                                   "2001-01-01T",
-                                   "2001-01-01T24:00:00Z",
-                                   "2001-01-01T12:60:00Z",
-                                   "2001-01-01T12:00:60Z",
-                                   "2001-01-01T12:00:00.Z",
-                                   "2001-01-01T12:00:00ZZ",
-                                   "2001-01-01T12:00:00+1",
-                                   "2001-01-01T12:00:00+01:0",
-                                   "2001-01-01Z",
-                                   " 2001-01-01",
-                                   "2001-01-01T12:00:00 Z"}) {
+    // Divided by bars.
+    std::string_view texts =
+        "|x|1.5|9223372036854775808|2001-1-1|2001-02-29|2001-13-01|2001-00-10|2001-01-01T|2001-01-01T24:00:00Z|"
+        "2001-01-01T12:60:00Z|2001-01-01T12:00:60Z|2001-01-01T12:00:00.Z|2001-01-01T12:00:00ZZ|"
+        "2001-01-01T12:00:00+01:0|2001-01-01Z| 2001-01-01|2001-01-01T12:00:00 Z";
+    for (std::size_t end = 0;; texts.remove_prefix(end + 1)) {
+        end = std::min(texts.find('|'), texts.size());
         long timeUs = 7;
-        EXPECT_FALSE(ParseTime(text, timeUs)) << text;
-    }
-}
-
-TEST(TimeText, WritesWhatItReads) {
-    for (char const* const text : {"1970-01-01T00:00:00Z", "2001-01-01T00:15:00Z", "2018-02-07T00:22:22.325000Z",
-                                   "1969-12-31T23:59:59.999999Z", "2400-02-29T12:00:00.000001Z"}) {
-        long timeUs = 0;
-        ASSERT_TRUE(ParseTime(text, timeUs)) << text;
-        std::string written;
-        AppendIsoTime(written, timeUs);
-        EXPECT_EQ(written, text);
+        EXPECT_FALSE(ParseTime(texts.substr(0, end), timeUs)) << texts;
+        if (end == texts.size()) break;
     }
 }
 
@@ -80,21 +51,15 @@ TEST(ValueText, ChecksValuesAgainstTheirType) {
         suts_FieldType type;
         bool accepted;
     } const rows[] = {
-        {"2147483647", SUTS_INT32, true},
         {"-2147483648", SUTS_INT32, true},
-        {"2147483648", SUTS_INT32, false},
         {"", SUTS_INT32, false},
-        {" 1", SUTS_INT32, false},
-        {"1.0", SUTS_INT32, false},
+        {"2147483648", SUTS_INT32, false},
         {"0x10", SUTS_INT32, false},
-        {"-9223372036854775808", SUTS_INT64, true},
         {"9223372036854775808", SUTS_INT64, false},
         {"1e308", SUTS_FLOAT64, true},
         {"-.5", SUTS_FLOAT64, true},
         {"1e309", SUTS_FLOAT64, false},
         {"1,5", SUTS_FLOAT64, false},
-        {"inf", SUTS_FLOAT64, true},
-        {"nan", SUTS_FLOAT64, true},
         {"nan:7ff0000000000001", SUTS_FLOAT64, true},
         {"nan:3ff0000000000000", SUTS_FLOAT64, false},
         {"nan:7ff", SUTS_FLOAT64, false},
@@ -107,72 +72,29 @@ TEST(ValueText, ChecksValuesAgainstTheirType) {
     }
 }
 
-TEST(ValueText, KeepsEveryBitOfAFloat64) {
-    std::random_device seeds;
-    unsigned long const seed = seeds();
-    SCOPED_TRACE(seed);
-    std::mt19937_64 random(seed);
-    std::vector<unsigned long> patterns = {0,
-                                           1,
-                                           0x8000000000000000,
-                                           0x7ff0000000000000,
-                                           0xfff0000000000000,
-                                           0x7ff8000000000000,
-                                           0xfff8000000000000,
-                                           0x7ff0000000000001,
-                                           0x7fefffffffffffff};
-    for (int i = 0; i < 2000; ++i) patterns.push_back(random());
-    for (unsigned long const bits : patterns) {
-        std::string text;
-        AppendPlain(text, brindle_Value::Real(std::bit_cast<double>(bits)));
-        brindle_Value value;
-        ASSERT_TRUE(ParseValue(text, SUTS_FLOAT64, value)) << text;
-        EXPECT_EQ(std::bit_cast<unsigned long>(value.real), bits) << text;
-    }
-}
-
-TEST(ValueText, EscapesTexts) {
+TEST(ValueText, WritesCsvAndJson) {
+    auto const text = [](std::string_view characters) { return brindle_Value::Text(characters); };
     struct {
-        std::string_view text;
+        brindle_Value value;
         char const* csv;
         char const* json;
     } const rows[] = {
-        {"", "", R"("")"},
-        {"plain text", "plain text", R"("plain text")"},
-        {"a,b", R"("a,b")", R"("a,b")"},
-        {"say \"x\"", R"("say ""x""")", R"("say \"x\"")"},
-        {"two\r\nlines", "\"two\r\nlines\"", R"("two\r\nlines")"},
-        {"tab\t and \x01", "tab\t and \x01", R"("tab\t and \u0001")"},
-        {"\xC3\xA9", "\xC3\xA9", "\"\xC3\xA9\""},
-        {"\xFF"
-         "A",
-         "\xFF"
-         "A",
-         R"({"hex":"ff41"})"},
-        {"\xC3", "\xC3", R"({"hex":"c3"})"},
+        {text("a,\r\n\t\x01"), "\"a,\r\n\t\x01\"", R"("a,\r\n\t\u0001")"},
+        {text("say \"x\""), R"("say ""x""")", R"("say \"x\"")"},
+        {text("\xC3\xA9"), "\xC3\xA9", "\"\xC3\xA9\""},
+        {text("\xFF."), "\xFF.", R"({"hex":"ff2e"})"},
+        {text("\xC3"), "\xC3", R"({"hex":"c3"})"},
+        {brindle_Value::Number(SUTS_INT64, std::numeric_limits<long>::min()), "-9223372036854775808",
+         "-9223372036854775808"},
+        {brindle_Value::Real(-0.0), "-0", "-0.0"},
+        {brindle_Value::Real(-std::numeric_limits<double>::infinity()), "-inf", R"("-inf")"},
+        {brindle_Value::Real(std::bit_cast<double>(0xfff8000000000000)), "nan:fff8000000000000",
+         R"("nan:fff8000000000000")"},
     };
     for (auto const& row : rows) {
         std::string csv;
-        AppendCsv(csv, brindle_Value::Text(row.text));
+        AppendCsv(csv, row.value);
         EXPECT_EQ(csv, row.csv);
-        std::string json;
-        AppendJson(json, brindle_Value::Text(row.text));
-        EXPECT_EQ(json, row.json);
-    }
-}
-
-TEST(ValueText, WritesNumbersAsJson) {
-    struct {
-        brindle_Value value;
-        char const* json;
-    } const rows[] = {
-        {brindle_Value::Number(SUTS_INT64, std::numeric_limits<long>::min()), "-9223372036854775808"},
-        {brindle_Value::Real(-0.0), "-0.0"},
-        {brindle_Value::Real(0.1), "0.1"},
-        {brindle_Value::Real(-std::numeric_limits<double>::infinity()), R"("-inf")"},
-        {brindle_Value::Real(std::bit_cast<double>(0xfff8000000000000)), R"("nan:fff8000000000000")"},
-    };
-    for (auto const& row : rows) {
         std::string json;
         AppendJson(json, row.value);
         EXPECT_EQ(json, row.json);

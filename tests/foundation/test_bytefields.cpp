@@ -12,12 +12,6 @@ std::string TakeBytes(sutl_NetorderByteField& field, std::size_t count) {
     return bytes;
 }
 
-std::string BigEndian(unsigned long value, std::size_t size) {
-    std::string bytes(size, '\0');
-    for (std::size_t i = 0; i < size; ++i) bytes[size - 1 - i] = static_cast<char>(value >> (8 * i));
-    return bytes;
-}
-
 TEST(NetorderByteField, NumbersTravelMostSignificantByteFirst) {
     sutl_NetorderByteField field;
     unsigned long eights[] = {0x0102030405060708UL, 0xFFFFFFFFFFFFFF80UL};
@@ -46,76 +40,6 @@ TEST(NetorderByteField, SealPushesTheLastWordOnlyWhenItIsAPartialOne) {
     }
 }
 
-// One append of random kind and size, on the field and on the model.
-void AppendRandomly(test::Random& random, sutl_NetorderByteField& field, std::string& model) {
-    std::size_t const n = test::Below(random, 3);
-    unsigned long eights[3] = {random(), random(), random()};
-    unsigned int fours[3] = {static_cast<unsigned int>(random()), static_cast<unsigned int>(random()), 7};
-    std::size_t const kind = test::Below(random, 3);
-    if (kind == 0) {
-        for (std::size_t i = 0; i < n; ++i) model += BigEndian(eights[i], 8);
-        field.Append8Byte(eights, static_cast<unsigned int>(n));
-    } else if (kind == 1) {
-        for (std::size_t i = 0; i < n; ++i) model += BigEndian(fours[i], 4);
-        field.Append4Byte(fours, static_cast<unsigned int>(n));
-    } else {
-        std::size_t const offset = test::Below(random, 8);  // a source at any address
-        std::string const bytes = test::RandomBytes(random, offset + test::Below(random, n == 0 ? 700 : 20));
-        model.append(bytes, offset);
-        field.AppendBytes(bytes.data() + offset, bytes.size() - offset);
-    }
-}
-
-// One take of random kind and size, at most so many bytes; returns what came.
-std::string TakeRandomly(test::Random& random, sutl_NetorderByteField& field, std::size_t left) {
-    std::size_t const kind = test::Below(random, 4);
-    std::size_t const size = std::min(left, test::Below(random, test::Below(random, 8) == 0 ? 700 : 20));
-    std::size_t const n = std::min<std::size_t>(left / 8, 3);
-    unsigned long eights[3];
-    unsigned int fours[3];
-    std::string taken;
-    if (kind == 0) {
-        field.GetNext8Byte(eights, static_cast<unsigned int>(n));
-        for (std::size_t i = 0; i < n; ++i) taken += BigEndian(eights[i], 8);
-    } else if (kind == 1) {
-        field.GetNext4Byte(fours, static_cast<unsigned int>(n));
-        for (std::size_t i = 0; i < n; ++i) taken += BigEndian(fours[i], 4);
-    } else {
-        std::size_t const offset = 1 + test::Below(random, 8);  // a destination at any address, with neighbours
-        taken.assign(offset + size + 1, '#');
-        field.GetNextBytes(reinterpret_cast<unsigned char*>(taken.data() + offset), static_cast<unsigned int>(size));
-        EXPECT_TRUE(taken[offset - 1] == '#' && taken.back() == '#');
-        taken = taken.substr(offset, size);
-    }
-    return taken;
-}
-
-TEST(NetorderByteField, RandomMessagesComeOutAsTheyWentIn) {
-    test::Random random = test::SeededRandom();
-    sutl_NetorderByteField field;
-    for (int message = 0; message < 1500; ++message) {
-        std::string model;
-        field.Reset();
-        for (std::size_t appends = test::Below(random, 30); appends > 0; --appends) {
-            AppendRandomly(random, field, model);
-            ASSERT_EQ(static_cast<int>(model.size()), field.Count());
-        }
-        if (message % 8 == 7) continue;  // dropped unsealed by the next reset
-        field.Seal();
-        field.StartReading();
-        // Every fourth message leaves bytes behind, which the next reset drops.
-        std::size_t const end = message % 4 == 0 ? model.size() / 2 : model.size();
-        for (std::size_t at = 0; at < end;) {
-            std::string const taken = TakeRandomly(random, field, model.size() - at);
-            for (char const byte : taken) {
-                ASSERT_TRUE(byte == model[at]) << "message " << message << " byte " << at;
-                ++at;
-            }
-            ASSERT_EQ(static_cast<int>(model.size() - at), field.Count());
-        }
-    }
-}
-
 TEST(RawByteField, TwelveBytesLieInsideAndMoreOnTheHeap) {
     for (int const length : {0, 1, 11, 12, 13, 14, 1000}) {
         SCOPED_TRACE(length);
@@ -137,19 +61,8 @@ TEST(RawByteField, TwelveBytesLieInsideAndMoreOnTheHeap) {
 }
 
 TEST(RawByteField, KeysCompareByLengthThenAsUnsignedBytes) {
-    std::string const ascending[] = {"",
-                                     "a",
-                                     "b",
-                                     "\x7F",
-                                     "\x80",
-                                     "aa",
-                                     "a\0a"s,
-                                     "a\0b"s,
-                                     "twelve byte1",
-                                     "twelve byte2",
-                                     "thirteen byte",
-                                     "a key on the heap 1",
-                                     "a key on the heap 2"};
+    std::string const ascending[] = {"",      "b",     "\x7F",           "\x80",          "aa",
+                                     "a\0a"s, "a\0b"s, "thirteen bytea", "thirteen byteb"};
     std::vector<sutl_RawBytefield> keys;
     for (std::string const& text : ascending) {
         keys.emplace_back().Assign(text.data(), static_cast<int>(text.size()));

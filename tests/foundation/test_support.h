@@ -61,42 +61,6 @@ bool WaitUntil(char const* awaited, Condition condition) {
     return true;
 }
 
-// A thread that no signal interrupts, so that every signal of the process goes to the thread under test.
-template <typename Body>
-std::jthread QuietThread(Body body) {
-    sigset_t all, saved;
-    sigfillset(&all);
-    pthread_sigmask(SIG_BLOCK, &all, &saved);
-    std::jthread thread(std::move(body));
-    pthread_sigmask(SIG_SETMASK, &saved, nullptr);
-    return thread;
-}
-
-// While it lives, a signal every millisecond makes blocked system calls fail with EINTR or come back short. The handler
-// stays installed: a last signal may be on its way when the timer stops.
-class Interruptions {
- public:
-    Interruptions() {
-        struct sigaction action = {};
-        action.sa_handler = [](int) { ++count_; };
-        sigaction(SIGALRM, &action, nullptr);
-        SetInterval(1000);
-    }
-    ~Interruptions() { SetInterval(0); }
-
-    // For a quiet thread: lets the thread under test be interrupted a few times more.
-    static void Await(long more) {
-        WaitUntil("interruptions", [goal = count_ + more] { return count_ >= goal; });
-    }
-
- private:
-    static void SetInterval(long microseconds) {
-        itimerval const interval = {{0, microseconds}, {0, microseconds}};
-        setitimer(ITIMER_REAL, &interval, nullptr);
-    }
-    static inline std::atomic<long> count_ = 0;
-};
-
 inline std::string ReadToEnd(int descriptor) {
     std::string all;
     char buffer[4096];

@@ -61,7 +61,9 @@ int LLVMFuzzerTestOneInput(unsigned char const* data, std::size_t size) {
     {
         std::filesystem::remove(path);
         sutl_Descriptor const file = sutl_OpenFile(path.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0700);
-        for (std::string const& key : read.keys) suts_AppendKey(file, test::OwnedField(key), type == SUTS_STRING64);
+        suts_StgKeyEntries entries;
+        for (std::string const& key : read.keys) entries.Add(test::OwnedField(key), type == SUTS_STRING64);
+        entries.Write(file);
     }
     Keys const again = Read(spec, std::filesystem::file_size(path));
     Require(again.whole && again.keys == read.keys, "what was read can be written and read");

@@ -5,6 +5,7 @@ the number of query connections; from 5,000 on the consumer also stalls for ten 
 """
 
 import random
+import resource
 import socket
 import struct
 from collections.abc import Callable
@@ -221,7 +222,8 @@ def bad_producer(binaries: Path, misbehave: Callable[[Producer], None], text: st
         last = CODEC.encode_query((whole - 1) % 50, START_US, 2**63)
         wait_until("the whole frames in the window", lambda: len(client.ask(last)) > 0)
         client.close()
-        before = session.server.status("VmHWM")
+        # A process's peak, as its own last word has it, begins with that of the one that has started it.
+        before = max(session.server.status("VmHWM"), resource.getrusage(resource.RUSAGE_SELF).ru_maxrss)
         try:
             misbehave(producer)
         except (ConnectionError, BrokenPipeError):
@@ -358,10 +360,11 @@ def connection_rounds(binaries: Path, rounds: int, generator: random.Random) -> 
             else:
                 client.ask(query[4:])
                 client.close()
-        (descriptors, resident), (descriptors_after, resident_after) = marks
+        (descriptors, resident), (_, resident_after) = marks
+        wait_until("the last pair's descriptors to go", lambda: load.server.descriptors() <= descriptors)
         load.end()
-        if descriptors_after != descriptors or resident_after > resident + 1024:
-            raise Failure(f"descriptors {descriptors} to {descriptors_after}, memory {resident} to {resident_after} kB")
+        if resident_after > resident + 1024:
+            raise Failure(f"memory {resident} to {resident_after} kB")
         return f"{rounds} pairs; {descriptors} descriptors, memory {resident_after - resident:+} kB"
 
 

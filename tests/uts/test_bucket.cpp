@@ -1,6 +1,8 @@
 // Buckets: chunks and positions, and what recycling leaves behind.
 #include "uts_stgbucket.h"
 
+#include <thread>
+
 #include "uts_support.h"
 
 namespace {
@@ -61,7 +63,11 @@ TEST(Bucket, RecyclingFreesWhatIsShippedAndParksTheRest) {
             EXPECT_TRUE(bucket.newest.IsEmpty() && bucket.shipped.IsEmpty());
             set.Place(3, HandleOf(100), 100, test::OwnedField(ValueOf(100)), chunks);
             EXPECT_EQ(Countdown(100, 100), TimesBack(bucket.newest, suts_StgPosition()));
-            if (placed % 5 == 0) continue;  // the set frees what is retired, too
+            if (placed % 5 == 0) {  // retired arrays are freed, too
+                set.FreeArrays(chunks);
+                EXPECT_FALSE(chunks.HoldsArrays());
+                continue;
+            }
             suts_StgRetired* const retired = set.TakeRetired();
             ASSERT_EQ(shipped == placed, retired == nullptr);
             if (retired == nullptr) continue;
@@ -71,8 +77,43 @@ TEST(Bucket, RecyclingFreesWhatIsShippedAndParksTheRest) {
             chunks.GiveFromShipThread(retired->newest);
             delete retired;
             EXPECT_EQ(nullptr, set.TakeRetired());
+            set.FreeArrays(chunks);
         }
     }
+}
+
+TEST(Bucket, ChunksComeBackFromBothThreadsWithoutMixingUp) {
+    suts_StgChunkStore chunks;
+    test::Random random = test::SeededRandom();
+    suts_StgBucketSet set;
+    std::atomic<bool> ended = false;
+    std::thread shipping([&] {
+        for (bool last = false; !last;) {
+            last = ended.load();
+            sutl_ReadLock const lock(set.lock);
+            while (suts_StgRetired* const retired = set.TakeRetired()) {
+                TimesBack(retired->newest, retired->shipped);
+                chunks.GiveFromShipThread(retired->newest);
+                delete retired;
+            }
+        }
+    });
+    for (int round = 0; round < 2000; ++round) {
+        sutl_WriteLock const lock(set.lock);
+        std::size_t const records = test::Below(random, 60);
+        for (std::size_t i = 0; i < records; ++i) {
+            auto const time = static_cast<long>(test::Below(random, 101));
+            set.Place(round % 5, HandleOf(time), time, test::OwnedField(ValueOf(time)), chunks);
+        }
+        suts_StgBucket& bucket = set.Slot((round + 1) % 5);
+        if (round % 3 == 0) bucket.shipped = bucket.newest;
+        TimesBack(bucket.newest, suts_StgPosition());
+        set.Recycle((round + 1) % 5, chunks);
+    }
+    ended.store(true);
+    shipping.join();
+    set.FreeArrays(chunks);
+    EXPECT_FALSE(chunks.HoldsArrays());
 }
 
 }  // namespace

@@ -18,6 +18,10 @@ struct Shipping {
     Shipping(Types const& types, std::size_t keys, long messageBytesMax = SUTS_MESSAGE_BYTES_MAX)
         : schema(types), batch(log, schema, messageBytesMax), sets(keys) {}
 
+    ~Shipping() {
+        for (suts_StgBucketSet& set : sets) set.FreeArrays(chunks);
+    }
+
     void Place(std::size_t key, unsigned long bucket, Record const& record) {
         suts_StgFileRecord* const file = test::Log(log, record);
         sutl_WriteLock const lock(sets[key].lock);
@@ -263,6 +267,7 @@ TEST(ShipAssembly, MessagesHoldWhatAPlainModelShips) {
             ExpectBlocks(messages, blocks, static_cast<std::size_t>(bytesMax));
         };
         unsigned long current = 4;
+        long bound = 0;  // never falls, as event time does not
         for (int step = 0; step < 300; ++step) {
             std::size_t const action = test::Below(random, 20);
             if (action > 1) {
@@ -278,7 +283,8 @@ TEST(ShipAssembly, MessagesHoldWhatAPlainModelShips) {
                     recycle(current % BUCKETS);
                 }
             } else {
-                ship(current - 1, static_cast<long>(current * 10 + 5 - test::Below(random, 20)));
+                bound = std::max(bound, static_cast<long>(current * 10 + 5 - test::Below(random, 20)));
+                ship(current - 1, bound);
             }
         }
         // Everything that is left, live or retired; then all was marked, and once.

@@ -180,13 +180,12 @@ void suts_ShpThrdAddBfToShpField(sutl_NetorderByteField& out, sutl_RawBytefield 
     offset += PutField(message, in.Data() + offset, in.length - offset, spec.Type(fieldIndex));
 }
 
-unsigned char* suts_EncodeValue(unsigned char* to, sutl_RawBytefield const& value, suts_tsspec const& spec) {
+unsigned char* suts_EncodeFields(unsigned char* to, sutl_RawBytefield const& in, suts_tsspec const& spec, int first,
+                                 int last) {
     ToMemory memory = {to};
-    unsigned char const* const bytes = value.Data();
+    unsigned char const* const bytes = in.Data();
     int offset = 0;
-    for (int i = 1; i < spec.fieldCount; ++i) {
-        offset += PutField(memory, bytes + offset, value.length - offset, spec.Type(i));
-    }
+    for (int i = first; i < last; ++i) { offset += PutField(memory, bytes + offset, in.length - offset, spec.Type(i)); }
     return memory.at;
 }
 

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <memory>
 
+#include "sutl_bytequeue.h"
 #include "sutl_netorderbytefield.h"
 #include "sutl_rawbytefield.h"
 #include "uts_tsspec.h"
@@ -67,9 +68,19 @@ enum suts_FieldFault {
 void suts_ShpThrdAddBfToShpField(sutl_NetorderByteField& out, sutl_RawBytefield const& in, suts_tsspec const& spec,
                                  int fieldIndex, int& offset);
 
-// Puts the fields from the second on, whose stored form the value holds, at to in wire form: the bytes of the value and
+// Puts the fields from first to last, exclusive, whose stored form is in, at to in wire form: the bytes of in and
 // SUTS_STRING_LENGTH_BYTES per string. Returns the place behind them.
-unsigned char* suts_EncodeValue(unsigned char* to, sutl_RawBytefield const& value, suts_tsspec const& spec);
+unsigned char* suts_EncodeFields(unsigned char* to, sutl_RawBytefield const& in, suts_tsspec const& spec, int first,
+                                 int last);
+
+// The field with its bytes in the queue, as far as they do not lie in the field.
+[[nodiscard]] inline sutl_RawBytefield suts_KeepBytes(sutl_ByteQueue& bytes, sutl_RawBytefield const& field) {
+    if (field.length <= sutl_RawBytefield::INLINE_BYTES_MAX) return field;
+    auto const count = static_cast<std::size_t>(field.length);
+    unsigned char* const place = bytes.Add(count);
+    memcpy(place, field.Data(), count);
+    return sutl_RawBytefield::Shared(place, field.length);
+}
 
 // The place behind the stored fields from first to last, exclusive, which begin at from; null where they do not end
 // before end.

@@ -32,7 +32,8 @@ suts_Stager::suts_Stager(char const* recoveryPath, char const* recoverFromPath, 
       recordBytesMax_(RecordBytesMax(spec)),
       recovery_(CheckedStart(recoveryPath, windowWidth)),
       shipper_(recovery_, spec, shipHost, shipPort1, shipPort2, messageBytesMax),
-      organizer_(recovery_, shipper_, spec, windowWidth, tuning, recoveryPath, recoverFromPath) {
+      organizer_(recovery_, shipper_, spec, windowWidth, tuning, recoveryPath, recoverFromPath),
+      pace_(recovery_) {
     if (recoverFromPath != nullptr) Replay(recoverFromPath);
 }
 

@@ -5,6 +5,7 @@
 
 #include "sutl_rawbytefield.h"
 #include "uts_stgorganizer.h"
+#include "uts_stgpace.h"
 #include "uts_stgrecovery.h"
 #include "uts_stgrotransfer.h"
 #include "uts_stgshipper.h"
@@ -28,15 +29,16 @@ class suts_Stager {
     // Results of AddRecord.
     enum : int { RECORD_ADDED = 0, RECORD_REFUSED = 1 };
 
-    // Logs a record and hands it to the organizer; what both byte fields hold is copied. A record with a
-    // negative time stamp, which would be taken for the end of the stream, or too large for a ship message is
-    // refused: nothing of it goes on, and standard error tells so for the first refused record and then in growing
-    // decades.
+    // Logs a record and hands it to the organizer; what both byte fields hold is copied. Blocks for a while where the
+    // organizer is far behind and makes headway. A record with a negative time stamp, which would be taken for the end
+    // of the stream, or too large for a ship message is refused: nothing of it goes on, and standard error tells so for
+    // the first refused record and then in growing decades.
     int AddRecord(long time, sutl_RawBytefield const& first, sutl_RawBytefield const& second) {
         bool const tooLarge = first.length + static_cast<long>(second.length) > recordBytesMax_;
         if (time < 0 || tooLarge) [[unlikely]] { return Refuse(time, first.length + static_cast<long>(second.length)); }
         suts_StgLogPosition const position = recovery_.AppendRecord(time, first, second);
         organizer_.Put({recovery_.CountRecord(), time, first, second}, position);
+        pace_.Keep();
         return RECORD_ADDED;
     }
 
@@ -56,6 +58,7 @@ class suts_Stager {
     suts_StgRecovery recovery_;
     suts_StgShipper shipper_;
     suts_StgOrganizer organizer_;
+    suts_StgPace pace_;
     unsigned long refused_ = 0;      // records that were not taken
     unsigned long refusedStep_ = 1;  // how many make the next report due: 1, 10, 100, ...
 };

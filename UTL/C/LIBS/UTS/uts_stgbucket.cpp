@@ -1,6 +1,7 @@
 #include "uts_stgbucket.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <new>
 #include <utility>
 
@@ -16,12 +17,28 @@ constexpr std::uintptr_t CHUNK_ALIGNMENT = 8;
 
 // Chunk store ---------------------------------------------------------------------------------------------------------
 
-suts_StgChunkStore::~suts_StgChunkStore() {
-    for (suts_StgChunk* chunk : idle_) {
-        while (chunk != nullptr) ::operator delete(std::exchange(chunk, chunk->older));
+// The head of a slab; its chunks follow, from the first that is not yet carved on never used before.
+struct suts_StgChunkStore::Slab {
+    Slab* next;  // in the list of all slabs
+    Slab* prev;
+    Slab* nextAvailable;  // in the list of its room's slabs that have a chunk to give
+    Slab* prevAvailable;
+    suts_StgChunk* idle;  // chunks given back
+    unsigned int carvedBytes;
+    unsigned int inUse;  // chunks
+    unsigned int chunkBytes;
+    unsigned int roomClass;
+
+    [[nodiscard]] bool IsFull() const { return idle == nullptr && carvedBytes + chunkBytes > SLAB_BYTES; }
+    static Slab* Of(suts_StgChunk* chunk) {
+        // NOLINTNEXTLINE(performance-no-int-to-ptr): slabs are aligned to their size.
+        return reinterpret_cast<Slab*>(reinterpret_cast<std::uintptr_t>(chunk) & ~(SLAB_BYTES - 1));
     }
-    suts_StgChunk* chunk = returned_.load(std::memory_order_acquire);
-    while (chunk != nullptr) ::operator delete(std::exchange(chunk, chunk->older));
+};
+
+suts_StgChunkStore::~suts_StgChunkStore() {
+    while (all_ != nullptr) free(std::exchange(all_, all_->next));
+    for (Slab* const slab : reserve_) free(slab);
 }
 
 // The values of a schema are all of one length or vary around a mean: then one more than a chunk holds should fit, so
@@ -37,38 +54,92 @@ long suts_StgChunkStore::ClassFor(int valueBytes) {
     return std::min((bytes + step - 1) / step * step / ROOM_STEP_BYTES, CLASSES - 1);
 }
 
+suts_StgChunkStore::Slab* suts_StgChunkStore::NewSlab(std::size_t roomClass) {
+    void* memory;
+    if (reserve_.empty()) {
+        memory = aligned_alloc(SLAB_BYTES, SLAB_BYTES);
+        if (memory == nullptr) throw std::bad_alloc();
+    } else {
+        memory = reserve_.back();
+        reserve_.pop_back();
+    }
+    auto const chunkBytes = static_cast<unsigned int>(sizeof(suts_StgChunk) + roomClass * ROOM_STEP_BYTES);
+    auto* const slab = new (memory) Slab{
+        all_, nullptr, nullptr, nullptr, nullptr, sizeof(Slab), 0, chunkBytes, static_cast<unsigned int>(roomClass)};
+    if (all_ != nullptr) all_->prev = slab;
+    all_ = slab;
+    return slab;
+}
+
+void suts_StgChunkStore::LinkAvailable(Slab* slab) {
+    Slab*& first = available_[slab->roomClass];
+    slab->nextAvailable = first;
+    slab->prevAvailable = nullptr;
+    if (first != nullptr) first->prevAvailable = slab;
+    first = slab;
+}
+
+void suts_StgChunkStore::UnlinkAvailable(Slab* slab) {
+    (slab->prevAvailable != nullptr ? slab->prevAvailable->nextAvailable : available_[slab->roomClass]) =
+        slab->nextAvailable;
+    if (slab->nextAvailable != nullptr) slab->nextAvailable->prevAvailable = slab->prevAvailable;
+}
+
 suts_StgChunk* suts_StgChunkStore::Take(int valueBytes) {
     auto const roomClass = static_cast<std::size_t>(ClassFor(valueBytes));
-    if (idle_[roomClass] == nullptr) {
+    if (available_[roomClass] == nullptr) {
         suts_StgChunk* returned = returned_.exchange(nullptr, std::memory_order_acquire);
-        while (returned != nullptr) Keep(std::exchange(returned, returned->older));
+        while (returned != nullptr) Return(std::exchange(returned, returned->older));
+        if (available_[roomClass] == nullptr) LinkAvailable(NewSlab(roomClass));
     }
-    suts_StgChunk* chunk = idle_[roomClass];
-    std::size_t const roomBytes = roomClass * ROOM_STEP_BYTES;
+    Slab& slab = *available_[roomClass];
+    suts_StgChunk* chunk = slab.idle;
     if (chunk != nullptr) {
-        idle_[roomClass] = chunk->older;
-        __builtin_prefetch(chunk->older, 1);  // the next one to be taken
-        idleBytes_ -= sizeof *chunk + roomBytes;
+        slab.idle = chunk->older;
+        __builtin_prefetch(slab.idle, 1);  // the next one to be taken
     } else {
-        chunk = static_cast<suts_StgChunk*>(::operator new(sizeof *chunk + roomBytes));
+        chunk = reinterpret_cast<suts_StgChunk*>(reinterpret_cast<unsigned char*>(&slab) + slab.carvedBytes);
         if (reinterpret_cast<std::uintptr_t>(chunk) % CHUNK_ALIGNMENT != 0) {
             sutl_AssertFailed(SITE_ALIGNMENT, "ERR: 'new' not aligned to 64 bit.");
         }
-        chunk->roomBytes = static_cast<unsigned short>(roomBytes);
+        slab.carvedBytes += slab.chunkBytes;
     }
+    ++slab.inUse;
+    if (slab.IsFull()) UnlinkAvailable(&slab);
+    chunk->roomBytes = static_cast<unsigned short>(roomClass * ROOM_STEP_BYTES);
     chunk->usedBytes = 0;
     chunk->arrays = 0;
     return chunk;
 }
 
-void suts_StgChunkStore::Keep(suts_StgChunk* chunk) {
-    std::size_t const bytes = sizeof(suts_StgChunk) + chunk->roomBytes;
-    if (idleBytes_ + bytes > IDLE_BYTES_MAX) {
-        ::operator delete(chunk);
-        return;
+void suts_StgChunkStore::Return(suts_StgChunk* chunk) {
+    Slab& slab = *Slab::Of(chunk);
+    if (slab.IsFull()) LinkAvailable(&slab);
+    chunk->older = std::exchange(slab.idle, chunk);
+    if (--slab.inUse > 0) return;
+    UnlinkAvailable(&slab);
+    (slab.prev != nullptr ? slab.prev->next : all_) = slab.next;
+    if (slab.next != nullptr) slab.next->prev = slab.prev;
+    if (reserve_.size() < RESERVE_SLABS) {
+        reserve_.push_back(&slab);
+    } else {
+        free(&slab);
     }
-    idleBytes_ += bytes;
-    chunk->older = std::exchange(idle_[chunk->roomBytes / ROOM_STEP_BYTES], chunk);
+}
+
+sutl_RawBytefield suts_StgChunkStore::Keep(suts_StgChunk& chunk, sutl_RawBytefield const& value) {
+    if (value.length <= sutl_RawBytefield::INLINE_BYTES_MAX) return value;
+    if (value.length <= chunk.roomBytes - chunk.usedBytes) {
+        unsigned char* const bytes = chunk.Room() + chunk.usedBytes;
+        memcpy(bytes, value.Data(), static_cast<unsigned int>(value.length));
+        chunk.usedBytes = static_cast<unsigned short>(chunk.usedBytes + value.length);
+        return sutl_RawBytefield::Shared(bytes, value.length);
+    }
+    sutl_RawBytefield array;
+    array.Assign(value.Data(), value.length);
+    ++chunk.arrays;
+    arrays_.fetch_add(1, std::memory_order_relaxed);
+    return array;
 }
 
 void suts_StgChunkStore::FreeArrays(suts_StgPosition const& newest) {
@@ -83,18 +154,19 @@ void suts_StgChunkStore::FreeArrays(suts_StgPosition const& newest) {
             if (inRoom) continue;
             value.Clear();
             --chunk->arrays;
+            arrays_.fetch_sub(1, std::memory_order_relaxed);
         }
         inUse = suts_StgChunk::RECORDS;
     }
 }
 
 void suts_StgChunkStore::Give(suts_StgPosition const& newest) {
-    FreeArrays(newest);
-    for (suts_StgChunk* chunk = newest.Chunk(); chunk != nullptr;) Keep(std::exchange(chunk, chunk->older));
+    if (HoldsArrays()) FreeArrays(newest);
+    for (suts_StgChunk* chunk = newest.Chunk(); chunk != nullptr;) Return(std::exchange(chunk, chunk->older));
 }
 
 void suts_StgChunkStore::GiveFromShipThread(suts_StgPosition const& newest) {
-    FreeArrays(newest);
+    if (HoldsArrays()) FreeArrays(newest);
     for (suts_StgChunk* chunk = newest.Chunk(); chunk != nullptr;) {
         suts_StgChunk* const older = chunk->older;
         // The taker takes all at once, so the head that is compared cannot have come again for another chain.
@@ -104,20 +176,16 @@ void suts_StgChunkStore::GiveFromShipThread(suts_StgPosition const& newest) {
     }
 }
 
-void suts_StgChunkStore::Free(suts_StgPosition const& newest) {
-    FreeArrays(newest);
-    for (suts_StgChunk* chunk = newest.Chunk(); chunk != nullptr;) {
-        ::operator delete(std::exchange(chunk, chunk->older));
-    }
-}
-
 // Bucket set ----------------------------------------------------------------------------------------------------------
 
 suts_StgBucketSet::~suts_StgBucketSet() {
-    for (suts_StgBucket const& bucket : buckets_) suts_StgChunkStore::Free(bucket.newest);
-    while (suts_StgRetired* const retired = TakeRetired()) {
-        suts_StgChunkStore::Free(retired->newest);
-        delete retired;
+    while (suts_StgRetired* const retired = TakeRetired()) delete retired;
+}
+
+void suts_StgBucketSet::FreeArrays(suts_StgChunkStore& chunks) {
+    for (suts_StgBucket const& bucket : buckets_) chunks.FreeArrays(bucket.newest);
+    for (suts_StgRetired const* retired = retired_; retired != nullptr; retired = retired->next) {
+        chunks.FreeArrays(retired->newest);
     }
 }
 
@@ -127,29 +195,17 @@ void suts_StgBucketSet::Place(unsigned long slot, suts_StgFileRecord* file, long
     if (newest.ChunkIsFull()) {
         suts_StgChunk* const chunk = chunks.Take(value.length);
         chunk->older = newest.Chunk();
-        newest = suts_StgPosition(chunk, 0);
+        newest.Publish(suts_StgPosition(chunk, 0));
     }
     suts_StgChunk& chunk = *newest.Chunk();
-    suts_StgBucketRecord& record = chunk.records[newest.InUse()];
-    record.file = file;
-    record.time = time;
-    if (value.length <= sutl_RawBytefield::INLINE_BYTES_MAX) {
-        record.value = value;
-    } else if (value.length <= chunk.roomBytes - chunk.usedBytes) {
-        unsigned char* const bytes = chunk.Room() + chunk.usedBytes;
-        memcpy(bytes, value.Data(), static_cast<unsigned int>(value.length));
-        chunk.usedBytes = static_cast<unsigned short>(chunk.usedBytes + value.length);
-        record.value = sutl_RawBytefield::Shared(bytes, value.length);
-    } else {
-        record.value.Assign(value.Data(), value.length);
-        ++chunk.arrays;
-    }
-    newest = suts_StgPosition(&chunk, newest.InUse() + 1);
+    chunk.records[newest.InUse()] = {file, time, chunks.Keep(chunk, value)};
+    newest.Publish(suts_StgPosition(&chunk, newest.InUse() + 1));
 }
 
 void suts_StgBucketSet::Recycle(unsigned long slot, suts_StgChunkStore& chunks) {
     suts_StgBucket& bucket = buckets_[slot];
     if (bucket.newest.IsEmpty()) return;
+    lateSlots_ &= ~(1U << slot);
     if (bucket.newest == bucket.shipped) {
         chunks.Give(bucket.newest);
     } else {
@@ -160,7 +216,8 @@ void suts_StgBucketSet::Recycle(unsigned long slot, suts_StgChunkStore& chunks) 
         }
         retired_ = new suts_StgRetired{retired_, bucket.newest, bucket.shipped};
     }
-    bucket = {};
+    bucket.newest.Publish({});
+    bucket.shipped = {};
 }
 
 suts_StgRetired* suts_StgBucketSet::TakeRetired() {

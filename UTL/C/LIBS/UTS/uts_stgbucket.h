@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 #include "sutl_locks.h"
 #include "sutl_rawbytefield.h"
@@ -60,6 +61,17 @@ class suts_StgPosition {
     void PrefetchLast() const { __builtin_prefetch(Chunk()); }
     bool operator==(suts_StgPosition const&) const = default;
 
+    // Assignment for a place that others look at without a lock, and what they see there: for a prefetch alone, since
+    // the chunk may be freed at any time.
+    void Publish(suts_StgPosition const& position) {
+        std::atomic_ref(tagged_).store(position.tagged_, std::memory_order_relaxed);
+    }
+    void PrefetchUnlocked() {
+        std::uintptr_t const tagged = std::atomic_ref(tagged_).load(std::memory_order_relaxed);
+        // NOLINTNEXTLINE(performance-no-int-to-ptr): as above.
+        __builtin_prefetch(reinterpret_cast<void const*>(tagged & ~TAG_MASK));
+    }
+
  private:
     static constexpr std::uintptr_t TAG_MASK = 7;
     static_assert(suts_StgChunk::RECORDS == TAG_MASK, "a full chunk has the greatest tag");
@@ -79,8 +91,9 @@ struct suts_StgRetired {
     suts_StgPosition shipped;
 };
 
-// Where chunks come from and go to: what is given back is handed out again. Owned by the organizer, whose thread takes;
-// that thread and the ship thread give back.
+// Where chunks come from and go to: slabs of memory, each for chunks of one room. A slab without chunks in use is given
+// back to the system, but for a reserve. Owned by the organizer, whose thread takes; that thread and the ship thread
+// give back. What is still in use goes with the store, but for heap arrays of values.
 class suts_StgChunkStore {
  public:
     suts_StgChunkStore() = default;
@@ -96,27 +109,37 @@ class suts_StgChunkStore {
     // The same from the ship thread.
     void GiveFromShipThread(suts_StgPosition const& newest);
 
-    // Frees them for good, without a store.
-    static void Free(suts_StgPosition const& newest);
+    // Puts the value into the chunk: into its room, or into a heap array. From the organizer thread.
+    sutl_RawBytefield Keep(suts_StgChunk& chunk, sutl_RawBytefield const& value);
+    // Frees the heap arrays among the values of such records; nothing else.
+    void FreeArrays(suts_StgPosition const& newest);
+    [[nodiscard]] bool HoldsArrays() const { return arrays_.load(std::memory_order_relaxed) > 0; }
 
  private:
     static constexpr long ROOM_STEP_BYTES = 32;  // rooms are multiples of it, and of this many where lengths differ
     static constexpr long DIFFERING_STEPS = 4;
     static constexpr long CLASSES = 256;  // by room in steps: none is greater
-    static constexpr std::size_t IDLE_BYTES_MAX = 64UL << 20;
+    static constexpr std::size_t SLAB_BYTES = 1UL << 18;
+    static constexpr std::size_t RESERVE_SLABS = 64;
     static constexpr int MEAN_SHIFT = 8;  // the mean of the lengths follows each by a 256th
 
-    static void FreeArrays(suts_StgPosition const& newest);
+    struct Slab;
+
     [[nodiscard]] long ClassFor(int valueBytes);
-    void Keep(suts_StgChunk* chunk);
+    [[nodiscard]] Slab* NewSlab(std::size_t roomClass);
+    void Return(suts_StgChunk* chunk);
+    void LinkAvailable(Slab* slab);
+    void UnlinkAvailable(Slab* slab);
 
     // Organizer thread only.
-    std::array<suts_StgChunk*, CLASSES> idle_ = {};  // by room
-    std::size_t idleBytes_ = 0;                      // in them
+    std::array<Slab*, CLASSES> available_ = {};  // by room: slabs that have a chunk to give
+    std::vector<Slab*> reserve_;                 // slabs without chunks in use, linked nowhere else
+    Slab* all_ = nullptr;                        // every slab but those in reserve
     long meanBytes_ = 0;          // of the values that made a chunk necessary, times 2^MEAN_SHIFT; 0 before the first
     bool lengthsDiffer_ = false;  // of these
 
     std::atomic<suts_StgChunk*> returned_{nullptr};  // given back by the ship thread; TShp adds, TOrg takes all
+    std::atomic<long> arrays_{0};                    // heap arrays of values; TOrg and TShp
 };
 
 // The five buckets of one key, a ring by bucket number, and what left the ring unshipped. Owned by the key's node of
@@ -130,19 +153,31 @@ class suts_StgBucketSet {
     suts_StgBucketSet() = default;
     suts_StgBucketSet(suts_StgBucketSet const&) = delete;
     suts_StgBucketSet& operator=(suts_StgBucketSet const&) = delete;
-    ~suts_StgBucketSet();  // frees everything staged; no other thread may use the set any more
+    ~suts_StgBucketSet();  // what is staged goes with the chunk store; no other thread may use the set any more
 
     // Appends a record to the bucket in the slot, with a copy of the value's bytes.
     void Place(unsigned long slot, suts_StgFileRecord* file, long time, sutl_RawBytefield const& value,
                suts_StgChunkStore& chunks) SUTL_REQUIRES(lock);
 
+    // Tells that the bucket in the slot gets a record older than its times.
+    void NoteLate(unsigned long slot) SUTL_REQUIRES(lock) { lateSlots_ |= 1U << slot; }
+    [[nodiscard]] bool HoldsLate(unsigned long slot) const SUTL_REQUIRES_SHARED(lock) {
+        return (lateSlots_ & (1U << slot)) != 0;
+    }
+
     // Empties the bucket in the slot: what was shipped is freed, what was not goes to the retired list.
     void Recycle(unsigned long slot, suts_StgChunkStore& chunks) SUTL_REQUIRES(lock);
+
+    // Frees what would not go with the chunk store. No other thread may use the set any more.
+    void FreeArrays(suts_StgChunkStore& chunks) SUTL_NO_THREAD_SAFETY_ANALYSIS;
 
     // Unlinks the newest retired contents; null when there are none. The caller owns them, with all of their chunks.
     [[nodiscard]] suts_StgRetired* TakeRetired() SUTL_REQUIRES_SHARED(lock) SUTL_NO_THREAD_SAFETY_ANALYSIS;
 
     [[nodiscard]] suts_StgBucket& Slot(unsigned long slot) SUTL_REQUIRES_SHARED(lock) { return buckets_[slot]; }
+
+    // Asks for the newest records in a slot ahead of their use. From any thread, without the lock.
+    void PrefetchNewest(unsigned long slot) SUTL_NO_THREAD_SAFETY_ANALYSIS { buckets_[slot].newest.PrefetchUnlocked(); }
 
     // The newest position in a slot, for the organizer thread, which needs no lock to read what it alone writes.
     [[nodiscard]] suts_StgPosition NewestAsWriter(unsigned long slot) const SUTL_NO_THREAD_SAFETY_ANALYSIS {
@@ -154,4 +189,5 @@ class suts_StgBucketSet {
  private:
     suts_StgBucket buckets_[BUCKETS] SUTL_GUARDED_BY(lock);     // slot = bucket number mod 5
     suts_StgRetired* retired_ SUTL_GUARDED_BY(lock) = nullptr;  // newest first
+    unsigned int lateSlots_ SUTL_GUARDED_BY(lock) = 0;          // a bit per slot
 };

@@ -27,19 +27,35 @@ void RemoveLastBytes(sutl_Descriptor const& file, long bytes) {
 
 }  // namespace
 
-void suts_AppendKey(sutl_Descriptor const& keyFile, sutl_RawBytefield const& key, bool withLength) {
-    std::vector<unsigned char> entry;
-    entry.reserve(LENGTH_BYTES + static_cast<std::size_t>(key.length));
+void suts_StgKeyEntries::Add(sutl_RawBytefield const& key, bool withLength) {
     if (withLength) {
         unsigned char length[LENGTH_BYTES];
         memcpy(length, &key.length, sizeof length);
-        entry.insert(entry.end(), length, length + sizeof length);
+        bytes_.insert(bytes_.end(), length, length + sizeof length);
     }
-    entry.insert(entry.end(), key.Data(), key.Data() + key.length);
-    if (entry.empty()) return;
-    long const written = sutl_FileWrite(keyFile.Get(), entry.data(), entry.size());
-    long const writtenBytes = std::abs(written);  // negated after an error
-    if (writtenBytes < static_cast<long>(entry.size())) RemoveLastBytes(keyFile, writtenBytes);
+    bytes_.insert(bytes_.end(), key.Data(), key.Data() + key.length);
+    ends_.push_back(bytes_.size());
+}
+
+void suts_StgKeyEntries::Write(sutl_Descriptor const& keyFile) {
+    std::size_t done = WriteFrom(keyFile, 0, ends_.size());
+    while (done < ends_.size()) done = WriteFrom(keyFile, done, done + 1);
+    bytes_.clear();
+    ends_.clear();
+}
+
+// Writes the entries from first to last, exclusive. Returns the number of the one to go on with: last, or that behind
+// the first that has failed.
+std::size_t suts_StgKeyEntries::WriteFrom(sutl_Descriptor const& keyFile, std::size_t first, std::size_t last) {
+    std::size_t const begin = first == 0 ? 0 : ends_[first - 1];
+    std::size_t const end = last == 0 ? 0 : ends_[last - 1];
+    if (begin == end) return last;
+    long const result = sutl_FileWrite(keyFile.Get(), bytes_.data() + begin, end - begin);
+    std::size_t const written = begin + static_cast<std::size_t>(std::abs(result));  // negated after an error
+    if (written == end) return last;
+    while (ends_[first] <= written) ++first;
+    RemoveLastBytes(keyFile, static_cast<long>(written - (first == 0 ? 0 : std::max(begin, ends_[first - 1]))));
+    return first + 1;
 }
 
 suts_StgKeyFileReader::suts_StgKeyFileReader(suts_tsspec const& spec, char const* directory)

@@ -11,8 +11,20 @@
 #include "sutl_rawbytefield.h"
 #include "uts_tsspec.h"
 
-// Writes one entry, in one write, to an open key file. Failures are reported and have no other consequence.
-void suts_AppendKey(sutl_Descriptor const& keyFile, sutl_RawBytefield const& key, bool withLength);
+// Entries on their way to a key file. Owned by one thread.
+class suts_StgKeyEntries {
+ public:
+    void Add(sutl_RawBytefield const& key, bool withLength);
+    // Writes them all, in one write, to the end of an open key file. Where that fails the rest is written entry by
+    // entry: each that cannot be written as a whole is reported and left out, which has no other consequence.
+    void Write(sutl_Descriptor const& keyFile);
+
+ private:
+    [[nodiscard]] std::size_t WriteFrom(sutl_Descriptor const& keyFile, std::size_t first, std::size_t last);
+
+    std::vector<unsigned char> bytes_;
+    std::vector<std::size_t> ends_;  // of the entries among the bytes
+};
 
 // Reads a key file key by key. Owned by one thread.
 class suts_StgKeyFileReader {

@@ -4,21 +4,6 @@
 #include <cstring>
 #include <utility>
 
-namespace {
-
-// Nodes with everything they own, children first.
-// NOLINTNEXTLINE(misc-no-recursion): the depth is twice the logarithm of the number of keys at most.
-void FreeSubtree(sutl_TRBTree_node* node) {
-    if (node == sutl_TRBTree_base::nullNode) return;
-    FreeSubtree(node->child[sutl_TRBTree_node::SMALLER]);
-    FreeSubtree(node->child[sutl_TRBTree_node::GREATER]);
-    auto* const keyNode = static_cast<suts_StgKeyNode*>(node);
-    keyNode->key.Clear();
-    delete keyNode;
-}
-
-}  // namespace
-
 unsigned long suts_StgKeyTable::Hash(sutl_RawBytefield const& key) {
     constexpr unsigned long ODD = 0x9e3779b97f4a7c15;
     auto const bytes = static_cast<std::size_t>(key.length);
@@ -86,7 +71,9 @@ void suts_StgKeyTable::Grow() {
     }
 }
 
-suts_StgKeyIndex::~suts_StgKeyIndex() { FreeSubtree(tree_.Root()); }
+suts_StgKeyIndex::~suts_StgKeyIndex() {
+    for (std::size_t i = 0; i < nodes_; ++i) blocks_[i / NODES_PER_BLOCK][i % NODES_PER_BLOCK].key.Clear();
+}
 
 suts_StgKeyNode* suts_StgKeyIndex::FindUnlocked(sutl_RawBytefield const& key) const {
     sutl_TRBTree_node* at = tree_.Root();
@@ -114,7 +101,8 @@ suts_StgKeyNode* suts_StgKeyIndex::Insert(sutl_RawBytefield const& key) {
         side = order < 0 ? sutl_TRBTree_node::SMALLER : sutl_TRBTree_node::GREATER;
         at = at->child[side];
     }
-    auto* const node = new suts_StgKeyNode;
+    if (nodes_ % NODES_PER_BLOCK == 0) blocks_.push_back(std::make_unique<suts_StgKeyNode[]>(NODES_PER_BLOCK));
+    suts_StgKeyNode* const node = &blocks_.back()[nodes_ % NODES_PER_BLOCK];
     node->key.Assign(key.Data(), key.length);
     tree_.Link(node, parent, side);
     ++nodes_;
@@ -126,8 +114,17 @@ suts_StgKeyNode* suts_StgKeyIndex::Insert(sutl_RawBytefield const& key) {
 std::vector<suts_StgKeyNode*> const& suts_StgKeyIndex::InOrder() {
     if (inOrder_.size() == nodes_) return inOrder_;
     inOrder_.clear();
-    for (sutl_TRBTree_node* at = FirstUnlocked(); at != sutl_TRBTree_base::nullNode; at = sutl_TRBTree_base::Next(at)) {
+    std::vector<sutl_TRBTree_node*> above;  // nodes whose smaller side is being walked
+    sutl_TRBTree_node* at = RootUnlocked();
+    while (at != sutl_TRBTree_base::nullNode || !above.empty()) {
+        for (; at != sutl_TRBTree_base::nullNode; at = at->child[sutl_TRBTree_node::SMALLER]) {
+            __builtin_prefetch(at->child[sutl_TRBTree_node::GREATER]);
+            above.push_back(at);
+        }
+        at = above.back();
+        above.pop_back();
         inOrder_.push_back(static_cast<suts_StgKeyNode*>(at));
+        at = at->child[sutl_TRBTree_node::GREATER];
     }
     return inOrder_;
 }

@@ -1,6 +1,7 @@
 // The key index: every distinct key seen, with its bucket set.
 #pragma once
 
+#include <memory>
 #include <vector>
 
 #include "sutl_list.h"
@@ -76,7 +77,7 @@ class suts_StgKeyIndex {
     suts_StgKeyIndex() = default;
     suts_StgKeyIndex(suts_StgKeyIndex const&) = delete;
     suts_StgKeyIndex& operator=(suts_StgKeyIndex const&) = delete;
-    ~suts_StgKeyIndex();  // in key order; no other thread may use the index any more
+    ~suts_StgKeyIndex();  // no other thread may use the index any more
 
     // The key's node, or null.
     [[nodiscard]] suts_StgKeyNode* Find(sutl_RawBytefield const& key) const SUTL_REQUIRES_SHARED(lock) {
@@ -103,12 +104,15 @@ class suts_StgKeyIndex {
     sutl_list_base_iter shipCursor;
 
  private:
-    [[nodiscard]] suts_StgKeyNode* FindUnlocked(sutl_RawBytefield const& key) const SUTL_NO_THREAD_SAFETY_ANALYSIS;
-    [[nodiscard]] sutl_TRBTree_node* FirstUnlocked() const SUTL_NO_THREAD_SAFETY_ANALYSIS { return tree_.First(); }
+    static constexpr std::size_t NODES_PER_BLOCK = 64;
 
-    suts_StgKeyTable table_;                 // of the tree's nodes; the organizer thread's
-    std::vector<suts_StgKeyNode*> inOrder_;  // of the tree's nodes; the organizer thread's
-    std::size_t nodes_ = 0;                  // in the tree
+    [[nodiscard]] suts_StgKeyNode* FindUnlocked(sutl_RawBytefield const& key) const SUTL_NO_THREAD_SAFETY_ANALYSIS;
+    [[nodiscard]] sutl_TRBTree_node* RootUnlocked() const SUTL_NO_THREAD_SAFETY_ANALYSIS { return tree_.Root(); }
+
+    suts_StgKeyTable table_;                                  // of the tree's nodes; the organizer thread's
+    std::vector<suts_StgKeyNode*> inOrder_;                   // of the tree's nodes; the organizer thread's
+    std::vector<std::unique_ptr<suts_StgKeyNode[]>> blocks_;  // the nodes, in the order first seen
+    std::size_t nodes_ = 0;                                   // in the tree
     sutl_TRBTree_base tree_ SUTL_GUARDED_BY(lock);
     sutl_LIST<suts_StgKeyListEntry> list_ SUTL_GUARDED_BY(lock);
 };

@@ -1,5 +1,6 @@
 #include "uts_stgorganizer.h"
 
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -8,7 +9,6 @@
 
 #include "sutl_assert.h"
 #include "sutl_resourceusage.h"
-#include "uts_stgkeyfile.h"
 
 namespace {
 
@@ -18,8 +18,29 @@ constexpr sutl_AssertSite SITE_WINDOW_WIDTH = {"uts_stgorganizer.cpp", 192};
 constexpr sutl_AssertSite SITE_NOT_TERMINATED = {"uts_stgorganizer.cpp", 233};
 
 constexpr useconds_t POLL_INTERVAL_US = 1;
+constexpr int BUSY_POLLS = 64;                          // empty ones, until the thread sleeps longer
+constexpr unsigned long IDLE_TIMER_SLACK_NS = 1000000;  // a first record waits no longer than this
+constexpr unsigned long DEFAULT_TIMER_SLACK_NS = 0;     // what the thread began with
 constexpr unsigned long REPORT_STEP_FACTOR = 10;
-constexpr std::size_t PREFETCH_SETS = 8;  // how far ahead of its use memory is asked for
+constexpr std::size_t PREFETCH_SETS = 8;  // how far ahead of its use memory is asked for,
+constexpr int PREFETCH_RECORDS = 16;      // and for records, of which several may go to one set
+
+// The pauses between two looks at an empty queue. They are short as long as records come; when none has come for a
+// while the system may stretch them. For one thread, its own.
+class Poll {
+ public:
+    void Found() {
+        if (empty_ > BUSY_POLLS) prctl(PR_SET_TIMERSLACK, DEFAULT_TIMER_SLACK_NS);
+        empty_ = 0;
+    }
+    void Pause() {
+        if (empty_ <= BUSY_POLLS && ++empty_ > BUSY_POLLS) prctl(PR_SET_TIMERSLACK, IDLE_TIMER_SLACK_NS);
+        usleep(POLL_INTERVAL_US);
+    }
+
+ private:
+    int empty_ = 0;  // looks that found nothing, one after the other; counted up to BUSY_POLLS + 1
+};
 
 }  // namespace
 
@@ -67,7 +88,8 @@ void suts_StgOrganizer::ReadKeyFile(suts_tsspec const& spec, char const* recover
     sutl_RawBytefield key;
     suts_StgKeyFileReader::Result result;
     while ((result = reader.Next(key)) == suts_StgKeyFileReader::KEY) {
-        suts_AppendKey(newKeyFile, key, false);
+        keyEntries_.Add(key, false);
+        keyEntries_.Write(newKeyFile);
         {
             sutl_WriteLock lock(keys_.lock);
             keys_.Insert(key);
@@ -84,6 +106,9 @@ suts_StgOrganizer::~suts_StgOrganizer() {
     if (state_ != TERMINATED) {
         sutl_AssertFailed(SITE_NOT_TERMINATED, " ERROR, Organizer destruction without termination!");
     }
+    // The memory of everything else that is staged goes with the store.
+    if (!chunks_.HoldsArrays()) return;
+    for (suts_StgKeyNode* const node : keys_.InOrder()) node->set.FreeArrays(chunks_);
 }
 
 void suts_StgOrganizer::Terminate() {
@@ -107,16 +132,18 @@ void* suts_RunOrganizer(void* organizer) {
     unsigned long total = 0;
     unsigned long delta = 0;  // absorbed since the last report
     bool endReached = false;
+    Poll poll;
     suts_StgOrganizer::Batch batch;
     while (!endReached) {
         int const count = self.TakeBatch(batch, endReached);
         if (count > 0) {
+            poll.Found();
             total += static_cast<unsigned long>(count);
             delta += static_cast<unsigned long>(count);
             self.recovery_.NoteTaken(total);
             self.AbsorbRecords(batch.data(), count);
         } else if (!endReached) {
-            usleep(POLL_INTERVAL_US);
+            poll.Pause();
         }
         if (delta >= reportStep) {
             char prefix[96];
@@ -193,9 +220,10 @@ void suts_StgOrganizer::InsertKeys(suts_StgROTransfer::QEntry const* entries, in
         suts_StgKeyNode*& node = nodes_[static_cast<std::size_t>(i)];
         node = keys_.FindAsWriter(key, hashes_[static_cast<std::size_t>(i)]);
         if (node != nullptr) continue;
-        suts_AppendKey(keyFile_, key, spec_.Type(0) == SUTS_STRING64);
+        keyEntries_.Add(key, spec_.Type(0) == SUTS_STRING64);
         node = keys_.Insert(key);
     }
+    keyEntries_.Write(keyFile_);
 }
 
 // The first record from this one on that lies beyond the newest open bucket; count when there is none.
@@ -205,26 +233,22 @@ int suts_StgOrganizer::FirstOpening(suts_StgROTransfer::QEntry const* entries, i
     return from;
 }
 
-// Places the records from one to another, exclusive: those of one set together, in their order.
+// Places the records from one to another, exclusive: those of one set together, when the last of them has its turn. So
+// whoever finds the last record finds all others, too.
 void suts_StgOrganizer::PlaceAll(suts_StgROTransfer::QEntry const* entries, int from, int to) {
-    std::size_t touched = 0;
     for (int i = from; i < to; ++i) {
         suts_StgKeyNode& node = *nodes_[static_cast<std::size_t>(i)];
-        if (node.batchLast < 0) {
-            node.batchFirst = i;
-            touched_[touched++] = &node;
-        } else {
-            nextOfNode_[static_cast<std::size_t>(node.batchLast)] = i;
-        }
+        (node.batchLast < 0 ? node.batchFirst : nextOfNode_[static_cast<std::size_t>(node.batchLast)]) = i;
         node.batchLast = i;
         latestUs_ = std::max(latestUs_, static_cast<unsigned long>(entries[i].time));
     }
-    for (std::size_t i = 0; i < touched; ++i) {
-        if (i + PREFETCH_SETS < touched) {
-            suts_StgKeyNode const& ahead = *touched_[i + PREFETCH_SETS];
-            ahead.set.NewestAsWriter(SlotOf(BucketOf(entries[ahead.batchFirst].time))).PrefetchNext();
+    for (int i = from; i < to; ++i) {
+        if (i + PREFETCH_RECORDS < to) {
+            suts_StgKeyNode const& ahead = *nodes_[static_cast<std::size_t>(i + PREFETCH_RECORDS)];
+            ahead.set.NewestAsWriter(SlotOf(BucketOf(entries[i + PREFETCH_RECORDS].time))).PrefetchNext();
         }
-        PlaceInSet(entries, *touched_[i]);
+        suts_StgKeyNode& node = *nodes_[static_cast<std::size_t>(i)];
+        if (node.batchLast == i) PlaceInSet(entries, node);
     }
 }
 
@@ -238,6 +262,7 @@ void suts_StgOrganizer::PlaceInSet(suts_StgROTransfer::QEntry const* entries, su
         if (bucket > current) sutl_AssertFailed(SITE_FUTURE_BUCKET, "Internal error\n");
         unsigned long const slot = SlotOf(bucket);
         ++placed_[slot];
+        if (bucket < OldestOpen()) node.set.NoteLate(slot);
         node.set.Place(slot, entry.file, entry.time, entry.second, chunks_);
         if (i == node.batchLast) break;
     }
@@ -246,8 +271,7 @@ void suts_StgOrganizer::PlaceInSet(suts_StgROTransfer::QEntry const* entries, su
 
 // A late record, older than every open bucket, goes to the oldest one.
 unsigned long suts_StgOrganizer::SlotOf(unsigned long bucket) const {
-    unsigned long const oldest = current_.load(std::memory_order_relaxed) - (suts_StgBucketSet::BUCKETS - 1);
-    return std::max(bucket, oldest) % suts_StgBucketSet::BUCKETS;
+    return std::max(bucket, OldestOpen()) % suts_StgBucketSet::BUCKETS;
 }
 
 void suts_StgOrganizer::AdvanceBuckets(unsigned long newCurrent) {

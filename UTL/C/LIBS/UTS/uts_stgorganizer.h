@@ -7,6 +7,7 @@
 
 #include "sutl_descriptor.h"
 #include "sutl_locks.h"
+#include "uts_stgkeyfile.h"
 #include "uts_stgkeyindex.h"
 #include "uts_stgrecovery.h"
 #include "uts_stgrotransfer.h"
@@ -48,6 +49,14 @@ class suts_StgOrganizer {
     [[nodiscard]] suts_StgKeyIndex& Keys() { return keys_; }
     // The number of the newest open bucket. From any thread; moves at any time.
     [[nodiscard]] unsigned long Current() const { return current_.load(std::memory_order_acquire); }
+    // Whether the times of the set's records in an open bucket can lie in the range, both ends inclusive. From any
+    // thread.
+    [[nodiscard]] bool MayHold(suts_StgBucketSet const& set, unsigned long bucket, unsigned long fromUs,
+                               unsigned long toUs) const SUTL_REQUIRES_SHARED(set.lock) {
+        bool const endsBefore = toUs < baseUs_ + bucket * bucketWidthUs_;
+        bool const beginsBehind = fromUs >= baseUs_ + (bucket + 1) * bucketWidthUs_;
+        return !beginsBehind && (!endsBefore || set.HoldsLate(bucket % suts_StgBucketSet::BUCKETS));
+    }
 
  private:
     friend void* suts_RunOrganizer(void* organizer);
@@ -72,6 +81,9 @@ class suts_StgOrganizer {
     void PlaceAll(suts_StgROTransfer::QEntry const* entries, int from, int to);
     void PlaceInSet(suts_StgROTransfer::QEntry const* entries, suts_StgKeyNode& node);
     [[nodiscard]] unsigned long SlotOf(unsigned long bucket) const;
+    [[nodiscard]] unsigned long OldestOpen() const {
+        return current_.load(std::memory_order_relaxed) - (suts_StgBucketSet::BUCKETS - 1);
+    }
     void AdvanceBuckets(unsigned long newCurrent);
     void Ship(bool final);
     [[nodiscard]] unsigned long BucketOf(long timeUs) const {
@@ -81,8 +93,8 @@ class suts_StgOrganizer {
     suts_StgRecovery& recovery_;
     suts_StgShipper& shipper_;
     suts_tsspec const& spec_;
-    suts_StgKeyIndex keys_;      // has its own lock
     suts_StgChunkStore chunks_;  // of the sets' buckets
+    suts_StgKeyIndex keys_;      // has its own lock
 
     // The bucket clock, owned by the organizer thread.
     unsigned long const baseUs_ = 0;  // where bucket 0 begins
@@ -96,18 +108,18 @@ class suts_StgOrganizer {
     // Of the batch at hand; the organizer thread's.
     template <typename T>
     using PerRecord = std::array<T, ABSORPTION_RECORDS_END>;
-    sutl_ByteQueue batchBytes_;                 // keys and values of its records
-    PerRecord<unsigned long> hashes_ = {};      // of the keys
-    PerRecord<suts_StgKeyNode*> nodes_ = {};    // of the keys
-    PerRecord<suts_StgKeyNode*> touched_ = {};  // the different ones among those of the records being placed
-    PerRecord<int> nextOfNode_ = {};            // the next record that goes to the same set; none behind the last
+    sutl_ByteQueue batchBytes_;               // keys and values of its records
+    PerRecord<unsigned long> hashes_ = {};    // of the keys
+    PerRecord<suts_StgKeyNode*> nodes_ = {};  // of the keys
+    PerRecord<int> nextOfNode_ = {};          // the next record that goes to the same set; none behind the last
 
     State state_ = RUNNING;  // feeding thread
     sutl_Mutex transferMutex_;
     suts_StgROTransfer transfer_ SUTL_GUARDED_BY(transferMutex_);
     std::string const keyFilePath_;
     sutl_Descriptor keyFile_;
-    sutl_Thread thread_;  // started last
+    suts_StgKeyEntries keyEntries_;  // of new keys; the organizer thread's once it runs
+    sutl_Thread thread_;             // started last
 };
 
 // Body of the organizer thread.

@@ -4,10 +4,13 @@
 
 #include "sutl_assert.h"
 #include "sutl_frame.h"
+#include "sutl_netorder.h"
 
 namespace {
 
 constexpr sutl_AssertSite SITE_EXCESS = {"uts_stgqueries.cpp", 31};
+
+constexpr int ENCODED_BYTES = 4096;  // of hits that are encoded before they are appended to the reply
 
 }  // namespace
 
@@ -174,17 +177,15 @@ suts_StgQueryService::SearchResult suts_StgQueryService::SearchSet(Request const
     // Before the first advance the difference wraps, and nothing is searched.
     unsigned long bucket = organizer.Current();
     while (organizer.Current() - suts_StgBucketSet::BUCKETS < bucket) {
-        suts_StgPosition at = set.Slot(bucket % suts_StgBucketSet::BUCKETS).newest;
+        bool const mayHold = organizer.MayHold(set, bucket, request.timeFrom, request.timeTo);
+        suts_StgPosition at = mayHold ? set.Slot(bucket % suts_StgBucketSet::BUCKETS).newest : suts_StgPosition();
         for (; !at.IsEmpty(); at.StepBack()) {
             suts_StgBucketRecord const& record = at.Record();
             auto const time = static_cast<unsigned long>(record.time);
             if (time < request.timeFrom || time > request.timeTo) continue;
             replyBytes_ += headBytes + record.value.length;
             if (replyBytes_ > replyBytesMax_) return REPLY_TOO_LONG;
-            Hit hit;
-            hit.time = time;
-            hit.value.Assign(record.value.Data(), record.value.length);
-            hits_.Addfront(hit);
+            hits_.Addfront({time, suts_KeepBytes(hitBytes_, record.value)});
         }
         --bucket;
     }
@@ -194,21 +195,29 @@ suts_StgQueryService::SearchResult suts_StgQueryService::SearchSet(Request const
 void suts_StgQueryService::BuildReply(Request const& request) {
     field_.Reset();
     while (hits_.size > 0) {
-        Hit hit = hits_.Getend();
-        int keyOffset = 0;
-        suts_ShpThrdAddBfToShpField(field_, request.key, spec_, 0, keyOffset);
-        field_.Append8Byte(&hit.time, 1);
-        int offset = 0;
-        for (int i = 1; i < spec_.fieldCount; ++i) { suts_ShpThrdAddBfToShpField(field_, hit.value, spec_, i, offset); }
-        hit.value.Clear();
+        Hit const hit = hits_.Getend();
+        AppendFields(request.key, 0, 1, keyStrings_);
+        unsigned long const time = sutl_ToNetorder(hit.time);
+        reply_.Append(&time, sizeof time);
+        AppendFields(hit.value, 1, spec_.fieldCount, valueStrings_);
+        if (reply_.Size() >= ENCODED_BYTES || hits_.size == 0) {
+            field_.AppendBytes(reply_.Data(), static_cast<std::size_t>(reply_.Size()));
+            reply_.Reset();
+        }
     }
     field_.Seal();
 }
 
+// Appends the fields from first to last, exclusive, with so many strings among them, in wire form.
+void suts_StgQueryService::AppendFields(sutl_RawBytefield const& stored, int first, int last, int strings) {
+    int const before = reply_.Size();
+    unsigned char* const begin = reply_.Grow(stored.length + strings * SUTS_STRING_LENGTH_BYTES);
+    unsigned char const* const end = suts_EncodeFields(begin, stored, spec_, first, last);
+    reply_.Shrink(before + static_cast<int>(end - begin));
+}
+
 void suts_StgQueryService::DropHits() {
-    while (hits_.size > 0) {
-        Hit hit = hits_.Getend();
-        hit.value.Clear();
-    }
+    hits_.Discard();
+    hitBytes_.Clear();
     replyBytes_ = 0;
 }

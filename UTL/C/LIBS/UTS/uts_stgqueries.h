@@ -33,7 +33,7 @@ class suts_StgQueryService {
  private:
     static constexpr unsigned long HITS_PER_BLOCK = 8;
 
-    // A staged record found by a search; the value is a copy of its own.
+    // A staged record found by a search; the value is a copy, whose bytes lie in hitBytes_.
     struct Hit {
         unsigned long time;  // microseconds
         sutl_RawBytefield value;
@@ -57,6 +57,7 @@ class suts_StgQueryService {
     [[nodiscard]] SearchResult SearchSet(Request const& request, suts_StgBucketSet& set,
                                          suts_StgOrganizer const& organizer) SUTL_REQUIRES(gate_);
     void BuildReply(Request const& request);
+    void AppendFields(sutl_RawBytefield const& stored, int first, int last, int strings);
     void DropHits();
 
     suts_tsspec spec_;  // a copy, since the entry clears its own
@@ -70,7 +71,9 @@ class suts_StgQueryService {
     // Query thread only.
     sutl_NetorderByteField field_;  // a request while it is decoded, then its reply
     sutl_DQUEUE<Hit> hits_;
-    long replyBytes_ = 0;  // what the hits take in a reply
+    sutl_ByteQueue hitBytes_;
+    suts_ByteScratch reply_;  // hits on their way into the field; empty between requests
+    long replyBytes_ = 0;     // what the hits take in a reply
     suts_ByteScratch keyText_;
 };
 

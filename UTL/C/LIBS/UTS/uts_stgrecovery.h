@@ -99,6 +99,9 @@ class suts_StgRecovery {
     // Tells how many of the log's records, counted from its first, the reader of the running log is done with. From the
     // reader's thread; may lag behind, must not run ahead.
     void NoteTaken(unsigned long records) { taken_.store(records, std::memory_order_release); }
+    [[nodiscard]] unsigned long Taken() const { return taken_.load(std::memory_order_relaxed); }
+    // Records appended that the reader is not known to be done with. From the feeding thread.
+    [[nodiscard]] unsigned long Untaken() const { return recordsAppended_ - Taken(); }
 
     // A descriptor of a file of the running log, open for reading, at its start; also of a file that has been removed
     // while its last record was not yet taken. None when there is no such file. Takes the writer's mutex.

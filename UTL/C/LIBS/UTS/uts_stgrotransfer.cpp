@@ -12,15 +12,6 @@ constexpr sutl_AssertSite SITE_TRAIL_2 = {SITE_FILE, 118};
 constexpr sutl_AssertSite SITE_READ_BACK = {SITE_FILE, 119};
 constexpr sutl_AssertSite SITE_EMPTY = {SITE_FILE, 131};
 
-// The field with its bytes in the queue.
-sutl_RawBytefield KeepIn(sutl_ByteQueue& bytes, sutl_RawBytefield const& field) {
-    if (field.length <= sutl_RawBytefield::INLINE_BYTES_MAX) return field;
-    auto const count = static_cast<std::size_t>(field.length);
-    unsigned char* const place = bytes.Add(count);
-    memcpy(place, field.Data(), count);
-    return sutl_RawBytefield::Shared(place, field.length);
-}
-
 // The oldest field that was kept there goes.
 void DropFrom(sutl_ByteQueue& bytes, sutl_RawBytefield const& field) {
     if (field.length > sutl_RawBytefield::INLINE_BYTES_MAX) bytes.Drop(static_cast<std::size_t>(field.length));
@@ -46,8 +37,8 @@ void suts_StgROTransfer::Put(QEntry const& entry, suts_StgLogPosition const& pos
     } else {
         runs_.Addfront({entry.file, 1});
     }
-    memoryQueue_.Addfront(
-        {entry.file, entry.time, KeepIn(memoryBytes_, entry.first), KeepIn(memoryBytes_, entry.second)});
+    memoryQueue_.Addfront({entry.file, entry.time, suts_KeepBytes(memoryBytes_, entry.first),
+                           suts_KeepBytes(memoryBytes_, entry.second)});
     if (memoryQueue_.size > MEMORY_RECORDS_MAX) DropOldestFromMemory();
     PositionOf(put_) = position;
     ++put_;
@@ -77,7 +68,7 @@ void suts_StgROTransfer::Take(QEntry& out, sutl_ByteQueue& kept) {
         reading_ = false;
     }
     QEntry const oldest = memoryQueue_.Getend();
-    out = {oldest.file, oldest.time, KeepIn(kept, oldest.first), KeepIn(kept, oldest.second)};
+    out = {oldest.file, oldest.time, suts_KeepBytes(kept, oldest.first), suts_KeepBytes(kept, oldest.second)};
     DropFrom(memoryBytes_, oldest.first);
     DropFrom(memoryBytes_, oldest.second);
     --queued_;
@@ -91,8 +82,8 @@ void suts_StgROTransfer::TakeFromLog(QEntry& out, sutl_ByteQueue& kept) {
     if (!placed || trailReader_.QNext(entry) != 0) sutl_AssertFailed(SITE_READ_BACK, "ERROR, recovery read failed!\n");
     reading_ = true;
     out.time = entry.time;
-    out.first = KeepIn(kept, entry.key);
-    out.second = KeepIn(kept, entry.value);
+    out.first = suts_KeepBytes(kept, entry.key);
+    out.second = suts_KeepBytes(kept, entry.value);
     --queued_;
     --trail_;
     out.file = runs_.Oldest().file;

@@ -35,7 +35,8 @@ void GatherBuckets(suts_StgShipBatch& batch, suts_StgBucketSet& buckets) SUTL_RE
     if (!(newestBucket - suts_StgBucketSet::BUCKETS < newestBucket)) return;
     for (unsigned long back = 0; back < suts_StgBucketSet::BUCKETS; ++back) {
         suts_StgBucket& bucket = buckets.Slot((newestBucket - back) % suts_StgBucketSet::BUCKETS);
-        if (bucket.newest.IsEmpty()) continue;
+        // What is shipped up to its newest record was below an earlier bound, and is below this one.
+        if (bucket.newest == bucket.shipped) continue;
         // The newest arrival tells, not the greatest time; and it ends the walk, for older slots too.
         if (static_cast<unsigned long>(bucket.newest.Record().time) >= batch.upperTimeBound) return;
         Gather(batch, bucket.newest, bucket.shipped);
@@ -86,7 +87,8 @@ void AppendEntries(suts_StgShipBatch& batch, std::span<suts_StgShipEntry const> 
         unsigned char* const to = encoded.Grow(static_cast<int>(EntryBytes(batch, value)));
         unsigned long const time = sutl_ToNetorder(entry.time);
         memcpy(to, &time, sizeof time);
-        unsigned char const* const end = suts_EncodeValue(to + sizeof time, value, batch.spec);
+        unsigned char const* const end =
+            suts_EncodeFields(to + sizeof time, value, batch.spec, 1, batch.spec.fieldCount);
         encoded.Shrink(before + static_cast<int>(end - to));
         if (encoded.Size() < ENCODED_BYTES) continue;
         out.AppendBytes(encoded.Data(), static_cast<std::size_t>(encoded.Size()));

@@ -105,7 +105,7 @@ struct suts_StgShipBatch {
     suts_tsspec const& spec;
     int const keyStrings;              // strings among the key's and
     int const valueStrings;            // the value's fields: their lengths are on the wire only
-    unsigned long upperTimeBound = 0;  // of the cycle, as in suts_StgShipJob
+    unsigned long upperTimeBound = 0;  // of the cycle, as in suts_StgShipJob; never falls
     unsigned long bucketNumber = 0;    // of the cycle
     suts_StgShipMessages messages;
     suts_StgChunkStore* chunks = nullptr;  // of the cycle, as in suts_StgShipJob

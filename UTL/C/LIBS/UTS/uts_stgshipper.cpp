@@ -92,6 +92,14 @@ void suts_StgShipper::AnnounceKeys(suts_StgKeyIndex& keys) {
     Send();
 }
 
+// Asks for the newest records that the cycle will look at, ahead of their use.
+void suts_StgShipper::PrefetchRecords(sutl_list_base_iter const& at) const {
+    suts_StgBucketSet& set = sutl_LIST<suts_StgKeyListEntry>::Value(at).node->set;
+    for (unsigned long back = 0; back < PREFETCH_BUCKETS; ++back) {
+        set.PrefetchNewest((batch_.bucketNumber - back) % suts_StgBucketSet::BUCKETS);
+    }
+}
+
 void suts_StgShipper::ShipRecords(suts_StgKeyIndex& keys) {
     // The cursor's own link must not be looked at without the lock: a new key may be linked behind it at any time.
     sutl_list_base_iter shipped;  // the last key shipped in this cycle; an end before the first
@@ -115,6 +123,7 @@ void suts_StgShipper::ShipRecords(suts_StgKeyIndex& keys) {
         batch_.messages.Begin(SUTS_SHIP_RECORDS);
         // A group that has filled a message ends early; the next group begins with the key after it.
         for (int i = 0; i < groupKeys && batch_.messages.Used() == 1; ++i) {
+            if (i + PREFETCH_KEYS < groupKeys) PrefetchRecords(group[i + PREFETCH_KEYS]);
             suts_StgKeyListEntry const& entry = sutl_LIST<suts_StgKeyListEntry>::Value(group[i]);
             sutl_ReadLock lock(entry.node->set.lock);
             suts_ShipThrdAssembly(batch_, entry.key, entry.node->set);

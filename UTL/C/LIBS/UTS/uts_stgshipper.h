@@ -44,13 +44,16 @@ class suts_StgShipper {
     friend void* suts_RunShipper(void* shipper);
 
     enum State { IDLE = 0, REQUESTED = 1, FINISHED = 2, TERMINATE = 3 };
-    static constexpr int WAKES_THREAD = 1;  // the bit that REQUESTED and TERMINATE share
+    static constexpr int WAKES_THREAD = 1;                // the bit that REQUESTED and TERMINATE share
+    static constexpr int PREFETCH_KEYS = 8;               // how far ahead of its use memory is asked for
+    static constexpr unsigned long PREFETCH_BUCKETS = 2;  // as many as are new in most cycles
 
     State WaitForOrder() SUTL_EXCLUDES(mutex_);
     void FinishCycle() SUTL_EXCLUDES(mutex_);
     // Ship thread only, as the rest.
     void RunCycle();
     void AnnounceKeys(suts_StgKeyIndex& keys);
+    void PrefetchRecords(sutl_list_base_iter const& at) const;
     void ShipRecords(suts_StgKeyIndex& keys);
     void Send();
 
