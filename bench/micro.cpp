@@ -163,7 +163,7 @@ void Take(benchmark::State& state) {
         for (long i = 0; i < state.range(0); ++i) {
             Record const& record = Records()[next++ % RECORDS];
             suts_StgLogPosition const position = log.AppendRecord(record.time, record.key, record.value);
-            transfer.Put({log.CountRecord(), record.time, record.key, record.value}, position);
+            transfer.Put(log.CountRecord(), record.time, record.key, record.value, position);
         }
         files.clear();
         state.ResumeTiming();

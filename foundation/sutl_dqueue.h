@@ -36,18 +36,26 @@ class sutl_DQUEUE : public sutl_LIST<T*> {
     long size = 0;  // number of values held; read it before taking, never write it
 
     // Adds the newest value.
-    void Addfront(T const& value) {
+    void Addfront(T const& value) { AddfrontInPlace() = value; }
+
+    // The same for a value that the caller writes where it lies.
+    T& AddfrontInPlace() {
         if (frontIndex_ < 0) [[unlikely]]
             AddBlock();
-        frontSlots_[frontIndex_] = value;
-        --frontIndex_;
         ++size;
+        return frontSlots_[frontIndex_--];
     }
 
     // Takes the oldest value.
     T Getend() {
+        T const value = Oldest();
+        Dropend();
+        return value;
+    }
+
+    // Drops the oldest value.
+    void Dropend() {
         --endIndex_;
-        T const value = endSlots_[endIndex_];
         --size;
         if (size == 0) [[unlikely]] {
             DropEndBlock();
@@ -56,7 +64,6 @@ class sutl_DQUEUE : public sutl_LIST<T*> {
             DropEndBlock();
             SetEndBlock();
         }
-        return value;
     }
 
     // Adds count values, oldest first: what next returns from call to call.

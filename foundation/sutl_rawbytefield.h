@@ -1,6 +1,7 @@
 // The bytes of one value: a key, the packed fields of a record, one translated field.
 #pragma once
 
+#include <bit>
 #include <cstring>
 #include <type_traits>
 
@@ -31,17 +32,9 @@ struct alignas(8) sutl_RawBytefield {
         if (count > 0) memcpy(Data(), bytes, static_cast<unsigned int>(count));
     }
 
-    // A value that shares the bytes with their owner, who keeps them: not to be cleared. Up to 12 bytes are copied.
-    [[nodiscard]] static sutl_RawBytefield Shared(unsigned char const* bytes, int count) {
-        sutl_RawBytefield shared;
-        shared.length = count;
-        if (count > INLINE_BYTES_MAX) {
-            shared.SetHeap(const_cast<unsigned char*>(bytes));
-        } else if (count > 0) {
-            memcpy(shared.storage_, bytes, static_cast<unsigned int>(count));
-        }
-        return shared;
-    }
+    // Becomes a value that shares the bytes with their owner, who keeps them: not to be cleared. Up to 12 bytes are
+    // copied. An earlier array is not released.
+    void Share(unsigned char const* bytes, int count);
 
     [[nodiscard]] unsigned char* Data() { return length > INLINE_BYTES_MAX ? Heap() : storage_; }
     [[nodiscard]] unsigned char const* Data() const { return length > INLINE_BYTES_MAX ? Heap() : storage_; }
@@ -60,6 +53,37 @@ struct alignas(8) sutl_RawBytefield {
 };
 
 static_assert(sizeof(sutl_RawBytefield) == 16 && std::is_trivial_v<sutl_RawBytefield>);
+
+// Written in whole words. A value that is written in pieces and copied at once makes the processor wait until every
+// write before it has reached the cache.
+inline void sutl_RawBytefield::Share(unsigned char const* bytes, int count) {
+    auto const load4 = [bytes](int at) {
+        unsigned int word;
+        memcpy(&word, bytes + at, sizeof word);
+        return static_cast<unsigned long>(word);
+    };
+    auto const write = [this](unsigned long first, unsigned long last) {
+        unsigned long const words[] = {first, last};
+        memcpy(static_cast<void*>(this), &words[0], sizeof first);
+        memcpy(reinterpret_cast<unsigned char*>(this) + sizeof first, &words[1], sizeof last);
+    };
+    constexpr bool LITTLE_ENDIAN_HOST = std::endian::native == std::endian::little;
+    if (LITTLE_ENDIAN_HOST && count > INLINE_BYTES_MAX) {
+        write(static_cast<unsigned long>(count), reinterpret_cast<unsigned long>(bytes));
+    } else if (LITTLE_ENDIAN_HOST && count >= 4) {
+        // The last four bytes overlap those before them with the same content.
+        unsigned long const last4 = load4(count - 4);
+        unsigned long const last8 = count < 8 ? last4 >> (8 * (8 - count)) : load4(4) | last4 << (8 * (count - 8));
+        write(static_cast<unsigned long>(count) | load4(0) << 32, last8);
+    } else {
+        length = count;
+        if (count > INLINE_BYTES_MAX) {
+            SetHeap(const_cast<unsigned char*>(bytes));
+        } else if (count > 0) {
+            memcpy(storage_, bytes, static_cast<unsigned int>(count));
+        }
+    }
+}
 
 // The order of keys: a shorter key sorts before a longer one, keys of equal length compare as unsigned bytes.
 // Negative, 0 or positive, as memcmp.

@@ -54,8 +54,8 @@ bool suts_RecordDecoder::TakeFromWindow(long& time, sutl_RawBytefield& key, sutl
         whole = fault.field == spec_.fieldCount;
         if (whole) {
             unsigned char const* const valueAt = stored_.get() + keyBytes;
-            key = sutl_RawBytefield::Shared(stored_.get(), keyBytes);
-            value = sutl_RawBytefield::Shared(valueAt, static_cast<int>(to - valueAt));
+            key.Share(stored_.get(), keyBytes);
+            value.Share(valueAt, static_cast<int>(to - valueAt));
             at_ = from;
             return true;
         }

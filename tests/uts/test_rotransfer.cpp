@@ -30,7 +30,7 @@ struct Pipeline {
         suts_StgFileRecord* const file = test::Log(log, record, &position);
         test::OwnedField const key(record.key);
         test::OwnedField const value(record.value);
-        queue.Put({file, record.time, key, value}, position);
+        queue.Put(file, record.time, key, value, position);
         expected.push_back({record, file, position.fileNumber});
     }
     void Take() {
@@ -129,7 +129,7 @@ TEST(TransferQueue, GivesEveryRecordOnceInOrderWhateverVanishes) {
                 if (pipeline.unmarked.size() >= marksAfter) pipeline.MarkAll(random);
             }
         }
-        pipeline.queue.Put({nullptr, suts_StgROTransfer::END_TIME, {}, {}}, {});
+        pipeline.queue.PutEndMarker();
         while (!pipeline.expected.empty() && !HasFatalFailure()) pipeline.Take();
         pipeline.CheckBatch();
         QEntry end;

@@ -73,13 +73,16 @@ void suts_ShpThrdAddBfToShpField(sutl_NetorderByteField& out, sutl_RawBytefield 
 unsigned char* suts_EncodeFields(unsigned char* to, sutl_RawBytefield const& in, suts_tsspec const& spec, int first,
                                  int last);
 
-// The field with its bytes in the queue, as far as they do not lie in the field.
-[[nodiscard]] inline sutl_RawBytefield suts_KeepBytes(sutl_ByteQueue& bytes, sutl_RawBytefield const& field) {
-    if (field.length <= sutl_RawBytefield::INLINE_BYTES_MAX) return field;
+// Copies the field, with its bytes into the queue as far as they do not lie in the field.
+inline void suts_KeepBytes(sutl_RawBytefield& copy, sutl_RawBytefield const& field, sutl_ByteQueue& bytes) {
+    if (field.length <= sutl_RawBytefield::INLINE_BYTES_MAX) {
+        copy = field;
+        return;
+    }
     auto const count = static_cast<std::size_t>(field.length);
     unsigned char* const place = bytes.Add(count);
     memcpy(place, field.Data(), count);
-    return sutl_RawBytefield::Shared(place, field.length);
+    copy.Share(place, field.length);
 }
 
 // The place behind the stored fields from first to last, exclusive, which begin at from; null where they do not end

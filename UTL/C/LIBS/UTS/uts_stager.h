@@ -37,7 +37,7 @@ class suts_Stager {
         bool const tooLarge = first.length + static_cast<long>(second.length) > recordBytesMax_;
         if (time < 0 || tooLarge) [[unlikely]] { return Refuse(time, first.length + static_cast<long>(second.length)); }
         suts_StgLogPosition const position = recovery_.AppendRecord(time, first, second);
-        organizer_.Put({recovery_.CountRecord(), time, first, second}, position);
+        organizer_.Put(recovery_.CountRecord(), time, first, second, position);
         pace_.Keep();
         return RECORD_ADDED;
     }

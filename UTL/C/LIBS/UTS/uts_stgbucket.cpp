@@ -12,6 +12,16 @@ namespace {
 constexpr sutl_AssertSite SITE_ALIGNMENT = {"UTL/C/LIBS/UTS/uts_stgbucket.h", 126};
 
 constexpr std::uintptr_t CHUNK_ALIGNMENT = 8;
+constexpr std::size_t CACHE_LINE_BYTES = 64;
+constexpr std::size_t PREFETCH_BYTES_MAX = 1024;
+
+// Has memory that is about to be written on its way to the processor's cache.
+void Prefetch(void const* memory, std::size_t bytes) {
+    if (memory == nullptr) return;
+    for (std::size_t at = 0; at < std::min(bytes, PREFETCH_BYTES_MAX); at += CACHE_LINE_BYTES) {
+        __builtin_prefetch(static_cast<unsigned char const*>(memory) + at, 1);
+    }
+}
 
 }  // namespace
 
@@ -96,7 +106,7 @@ suts_StgChunk* suts_StgChunkStore::Take(int valueBytes) {
     suts_StgChunk* chunk = slab.idle;
     if (chunk != nullptr) {
         slab.idle = chunk->older;
-        __builtin_prefetch(slab.idle, 1);  // the next one to be taken
+        Prefetch(slab.idle, slab.chunkBytes);  // the next one to be taken
     } else {
         chunk = reinterpret_cast<suts_StgChunk*>(reinterpret_cast<unsigned char*>(&slab) + slab.carvedBytes);
         if (reinterpret_cast<std::uintptr_t>(chunk) % CHUNK_ALIGNMENT != 0) {
@@ -127,14 +137,7 @@ void suts_StgChunkStore::Return(suts_StgChunk* chunk) {
     }
 }
 
-sutl_RawBytefield suts_StgChunkStore::Keep(suts_StgChunk& chunk, sutl_RawBytefield const& value) {
-    if (value.length <= sutl_RawBytefield::INLINE_BYTES_MAX) return value;
-    if (value.length <= chunk.roomBytes - chunk.usedBytes) {
-        unsigned char* const bytes = chunk.Room() + chunk.usedBytes;
-        memcpy(bytes, value.Data(), static_cast<unsigned int>(value.length));
-        chunk.usedBytes = static_cast<unsigned short>(chunk.usedBytes + value.length);
-        return sutl_RawBytefield::Shared(bytes, value.length);
-    }
+sutl_RawBytefield suts_StgChunkStore::KeepInArray(suts_StgChunk& chunk, sutl_RawBytefield const& value) {
     sutl_RawBytefield array;
     array.Assign(value.Data(), value.length);
     ++chunk.arrays;
@@ -198,7 +201,19 @@ void suts_StgBucketSet::Place(unsigned long slot, suts_StgFileRecord* file, long
         newest.Publish(suts_StgPosition(chunk, 0));
     }
     suts_StgChunk& chunk = *newest.Chunk();
-    chunk.records[newest.InUse()] = {file, time, chunks.Keep(chunk, value)};
+    suts_StgBucketRecord& record = chunk.records[newest.InUse()];
+    record.file = file;
+    record.time = time;
+    if (value.length <= sutl_RawBytefield::INLINE_BYTES_MAX) {
+        record.value = value;
+    } else if (value.length <= chunk.roomBytes - chunk.usedBytes) {
+        unsigned char* const bytes = chunk.Room() + chunk.usedBytes;
+        memcpy(bytes, value.Data(), static_cast<unsigned int>(value.length));
+        chunk.usedBytes = static_cast<unsigned short>(chunk.usedBytes + value.length);
+        record.value.Share(bytes, value.length);
+    } else {
+        record.value = chunks.KeepInArray(chunk, value);
+    }
     newest.Publish(suts_StgPosition(&chunk, newest.InUse() + 1));
 }
 

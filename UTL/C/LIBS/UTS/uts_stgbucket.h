@@ -54,11 +54,20 @@ class suts_StgPosition {
         --tagged_;
         if (InUse() == 0) *this = suts_StgPosition(Chunk()->older, suts_StgChunk::RECORDS);
     }
-    // Has the place where the next record goes, or that of the last one, on its way to the processor's cache.
+    // Have memory on its way to the processor's cache: the chunk's head; and, with the head there, where the next
+    // record and its value go.
+    void PrefetchHead() const { __builtin_prefetch(Chunk(), 1); }
     void PrefetchNext() const {
-        if (!IsEmpty()) __builtin_prefetch(&Chunk()->records[InUse() % suts_StgChunk::RECORDS], 1);
+        if (ChunkIsFull()) return;
+        __builtin_prefetch(&Chunk()->records[InUse()], 1);
+        __builtin_prefetch(Chunk()->Room() + Chunk()->usedBytes, 1);
     }
-    void PrefetchLast() const { __builtin_prefetch(Chunk()); }
+    void PrefetchOlder() const {
+        constexpr std::size_t CACHE_LINE_BYTES = 64;
+        if (Chunk()->older == nullptr) return;
+        auto const* const older = reinterpret_cast<unsigned char const*>(Chunk()->older);
+        for (std::size_t at = 0; at < sizeof(suts_StgChunk); at += CACHE_LINE_BYTES) __builtin_prefetch(older + at);
+    }
     bool operator==(suts_StgPosition const&) const = default;
 
     // Assignment for a place that others look at without a lock, and what they see there: for a prefetch alone, since
@@ -68,12 +77,16 @@ class suts_StgPosition {
     }
     void PrefetchUnlocked() {
         std::uintptr_t const tagged = std::atomic_ref(tagged_).load(std::memory_order_relaxed);
-        // NOLINTNEXTLINE(performance-no-int-to-ptr): as above.
+        // NOLINTBEGIN(performance-no-int-to-ptr): as above.
         __builtin_prefetch(reinterpret_cast<void const*>(tagged & ~TAG_MASK));
+        __builtin_prefetch(reinterpret_cast<void const*>((tagged & ~TAG_MASK) + HEAD_BYTES +
+                                                         (tagged & TAG_MASK) * sizeof(suts_StgBucketRecord) - 1));
+        // NOLINTEND(performance-no-int-to-ptr)
     }
 
  private:
     static constexpr std::uintptr_t TAG_MASK = 7;
+    static constexpr std::size_t HEAD_BYTES = sizeof(suts_StgChunk) - sizeof(suts_StgChunk::records);
     static_assert(suts_StgChunk::RECORDS == TAG_MASK, "a full chunk has the greatest tag");
 
     std::uintptr_t tagged_ = suts_StgChunk::RECORDS;  // no chunk, and full: the next record needs a chunk
@@ -109,8 +122,8 @@ class suts_StgChunkStore {
     // The same from the ship thread.
     void GiveFromShipThread(suts_StgPosition const& newest);
 
-    // Puts the value into the chunk: into its room, or into a heap array. From the organizer thread.
-    sutl_RawBytefield Keep(suts_StgChunk& chunk, sutl_RawBytefield const& value);
+    // A heap array for a value that finds no room in the chunk. From the organizer thread.
+    [[nodiscard]] sutl_RawBytefield KeepInArray(suts_StgChunk& chunk, sutl_RawBytefield const& value);
     // Frees the heap arrays among the values of such records; nothing else.
     void FreeArrays(suts_StgPosition const& newest);
     [[nodiscard]] bool HoldsArrays() const { return arrays_.load(std::memory_order_relaxed) > 0; }

@@ -111,6 +111,21 @@ suts_StgKeyNode* suts_StgKeyIndex::Insert(sutl_RawBytefield const& key) {
     return node;
 }
 
+void suts_StgKeyIndex::PrefetchPaths(std::span<sutl_RawBytefield const* const> keys) const {
+    sutl_TRBTree_node* at[WALKS];
+    std::fill_n(at, keys.size(), RootUnlocked());
+    for (bool walking = true; walking;) {
+        walking = false;
+        for (std::size_t i = 0; i < keys.size(); ++i) {
+            if (at[i] == sutl_TRBTree_base::nullNode) continue;
+            int const order = sutl_CompareKeys(*keys[i], static_cast<suts_StgKeyNode*>(at[i])->key);
+            at[i] = at[i]->child[order < 0 ? sutl_TRBTree_node::SMALLER : sutl_TRBTree_node::GREATER];
+            __builtin_prefetch(at[i], 1);
+            walking = true;
+        }
+    }
+}
+
 std::vector<suts_StgKeyNode*> const& suts_StgKeyIndex::InOrder() {
     if (inOrder_.size() == nodes_) return inOrder_;
     inOrder_.clear();

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <memory>
+#include <span>
 #include <vector>
 
 #include "sutl_list.h"
@@ -92,6 +93,11 @@ class suts_StgKeyIndex {
 
     // The key's node, made with a copy of the key if there is none. Either way the list grows by the node's key.
     suts_StgKeyNode* Insert(sutl_RawBytefield const& key) SUTL_REQUIRES(lock);
+
+    // Has what insertions of the keys will look at on its way to the processor's cache: walks down the tree for all of
+    // them at once, so that the memory of each is waited for together. From the organizer thread.
+    static constexpr std::size_t WALKS = 32;  // at most
+    void PrefetchPaths(std::span<sutl_RawBytefield const* const> keys) const;
 
     // All nodes in key order, for the organizer thread; valid until the next insertion.
     [[nodiscard]] std::vector<suts_StgKeyNode*> const& InOrder();

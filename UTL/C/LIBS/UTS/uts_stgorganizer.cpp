@@ -114,7 +114,7 @@ suts_StgOrganizer::~suts_StgOrganizer() {
 void suts_StgOrganizer::Terminate() {
     {
         sutl_MutexLock lock(transferMutex_);
-        transfer_.Put({nullptr, suts_StgROTransfer::END_TIME, {}, {}}, {});
+        transfer_.PutEndMarker();
         state_ = END_QUEUED;
         fprintf(stderr, "TMain: TQ termination %ld\n", transfer_.Queued());
     }
@@ -179,11 +179,12 @@ void suts_StgOrganizer::AbsorbRecords(suts_StgROTransfer::QEntry const* entries,
     sutl_assertfunc(count < ABSORPTION_RECORDS_END, SITE_BULK.file, SITE_BULK.line, " ERROR, bad bulk absorption\n",
                     nullptr);
     FindNodes(entries, count);
+    for (int i = 0; i < count; ++i) buckets_[static_cast<std::size_t>(i)] = BucketOf(entries[i].time);
     for (int from = 0; from < count;) {
-        int const opening = FirstOpening(entries, from, count);
+        int const opening = FirstOpening(from, count);
         PlaceAll(entries, from, opening);
         if (opening == count) return;
-        unsigned long const bucket = BucketOf(entries[opening].time);
+        unsigned long const bucket = buckets_[static_cast<std::size_t>(opening)];
         pendingAdvance_ += static_cast<long>(bucket - current_.load(std::memory_order_relaxed));
         AdvanceBuckets(bucket);
         from = opening + 1;
@@ -203,34 +204,47 @@ void suts_StgOrganizer::FindNodes(suts_StgROTransfer::QEntry const* entries, int
         table.PrefetchSlot(hashes_[i]);
     }
     for (std::size_t i = 0; i < records; ++i) table.PrefetchNode(hashes_[i]);
+    std::size_t unknown = 0;
     for (std::size_t i = 0; i < records; ++i) {
         nodes_[i] = keys_.FindAsWriter(entries[i].first, hashes_[i]);
-        if (nodes_[i] != nullptr) continue;
-        InsertKeys(entries, static_cast<int>(i), count);
-        return;
+        if (nodes_[i] == nullptr) unknown_[unknown++] = &entries[i];
     }
+    if (unknown > 0) InsertKeys(entries, unknown);
 }
 
-// The same from the batch's first new key on. The write lock is held to the end, so that readers see all of the batch's
-// new keys together.
-void suts_StgOrganizer::InsertKeys(suts_StgROTransfer::QEntry const* entries, int from, int count) {
+// Inserts the keys of unknown_, all under one hold of the lock, so that readers see them together, and fills in their
+// nodes.
+void suts_StgOrganizer::InsertKeys(suts_StgROTransfer::QEntry const* entries, std::size_t unknown) {
+    bool const withLength = spec_.Type(0) == SUTS_STRING64;
     sutl_WriteLock lock(keys_.lock);
-    for (int i = from; i < count; ++i) {
-        sutl_RawBytefield const& key = entries[i].first;
-        suts_StgKeyNode*& node = nodes_[static_cast<std::size_t>(i)];
-        node = keys_.FindAsWriter(key, hashes_[static_cast<std::size_t>(i)]);
-        if (node != nullptr) continue;
-        keyEntries_.Add(key, spec_.Type(0) == SUTS_STRING64);
-        node = keys_.Insert(key);
+    for (std::size_t i = 0; i < unknown; ++i) {
+        if (i % suts_StgKeyIndex::WALKS == 0) {
+            sutl_RawBytefield const* keys[suts_StgKeyIndex::WALKS];
+            std::size_t const walks = std::min(unknown - i, suts_StgKeyIndex::WALKS);
+            for (std::size_t walk = 0; walk < walks; ++walk) keys[walk] = &unknown_[i + walk]->first;
+            keys_.PrefetchPaths({keys, walks});
+        }
+        auto const record = static_cast<std::size_t>(unknown_[i] - entries);
+        sutl_RawBytefield const& key = entries[record].first;
+        nodes_[record] = keys_.FindAsWriter(key, hashes_[record]);
+        if (nodes_[record] != nullptr) continue;  // known since a record before
+        keyEntries_.Add(key, withLength);
+        nodes_[record] = keys_.Insert(key);
     }
     keyEntries_.Write(keyFile_);
 }
 
 // The first record from this one on that lies beyond the newest open bucket; count when there is none.
-int suts_StgOrganizer::FirstOpening(suts_StgROTransfer::QEntry const* entries, int from, int count) {
+int suts_StgOrganizer::FirstOpening(int from, int count) const {
     unsigned long const current = current_.load(std::memory_order_relaxed);
-    while (from < count && BucketOf(entries[from].time) <= current) ++from;
+    while (from < count && buckets_[static_cast<std::size_t>(from)] <= current) ++from;
     return from;
+}
+
+// Where a record of the batch goes.
+suts_StgPosition suts_StgOrganizer::NewestFor(int record) const {
+    auto const i = static_cast<std::size_t>(record);
+    return nodes_[i]->set.NewestAsWriter(SlotOf(buckets_[i]));
 }
 
 // Places the records from one to another, exclusive: those of one set together, when the last of them has its turn. So
@@ -243,10 +257,8 @@ void suts_StgOrganizer::PlaceAll(suts_StgROTransfer::QEntry const* entries, int 
         latestUs_ = std::max(latestUs_, static_cast<unsigned long>(entries[i].time));
     }
     for (int i = from; i < to; ++i) {
-        if (i + PREFETCH_RECORDS < to) {
-            suts_StgKeyNode const& ahead = *nodes_[static_cast<std::size_t>(i + PREFETCH_RECORDS)];
-            ahead.set.NewestAsWriter(SlotOf(BucketOf(entries[i + PREFETCH_RECORDS].time))).PrefetchNext();
-        }
+        if (i + 2 * PREFETCH_RECORDS < to) NewestFor(i + 2 * PREFETCH_RECORDS).PrefetchHead();
+        if (i + PREFETCH_RECORDS < to) NewestFor(i + PREFETCH_RECORDS).PrefetchNext();
         suts_StgKeyNode& node = *nodes_[static_cast<std::size_t>(i)];
         if (node.batchLast == i) PlaceInSet(entries, node);
     }
@@ -258,7 +270,7 @@ void suts_StgOrganizer::PlaceInSet(suts_StgROTransfer::QEntry const* entries, su
     sutl_WriteLock lock(node.set.lock);
     for (int i = node.batchFirst;; i = nextOfNode_[static_cast<std::size_t>(i)]) {
         suts_StgROTransfer::QEntry const& entry = entries[i];
-        unsigned long const bucket = BucketOf(entry.time);
+        unsigned long const bucket = buckets_[static_cast<std::size_t>(i)];
         if (bucket > current) sutl_AssertFailed(SITE_FUTURE_BUCKET, "Internal error\n");
         unsigned long const slot = SlotOf(bucket);
         ++placed_[slot];
@@ -284,7 +296,7 @@ void suts_StgOrganizer::AdvanceBuckets(unsigned long newCurrent) {
     for (std::size_t i = 0; i < nodes.size(); ++i) {
         if (i + 2 * PREFETCH_SETS < nodes.size()) nodes[i + 2 * PREFETCH_SETS]->Prefetch();
         if (i + PREFETCH_SETS < nodes.size()) {
-            nodes[i + PREFETCH_SETS]->set.NewestAsWriter(oldest % suts_StgBucketSet::BUCKETS).PrefetchLast();
+            nodes[i + PREFETCH_SETS]->set.NewestAsWriter(oldest % suts_StgBucketSet::BUCKETS).PrefetchHead();
         }
         suts_StgBucketSet& set = nodes[i]->set;
         sutl_WriteLock lock(set.lock);

@@ -36,10 +36,10 @@ class suts_StgOrganizer {
     static void RefuseWindowWidth(long windowWidth);
 
     // Queues a record for the thread. From the feeding thread. See suts_StgROTransfer::Put.
-    void Put(suts_StgROTransfer::QEntry const& entry, suts_StgLogPosition const& position)
-        SUTL_EXCLUDES(transferMutex_) {
+    void Put(suts_StgFileRecord* file, long time, sutl_RawBytefield const& first, sutl_RawBytefield const& second,
+             suts_StgLogPosition const& position) SUTL_EXCLUDES(transferMutex_) {
         sutl_MutexLock lock(transferMutex_);
-        transfer_.Put(entry, position);
+        transfer_.Put(file, time, first, second, position);
     }
 
     // Queues the end marker and waits until the thread has absorbed everything before it, has shipped all that is
@@ -76,8 +76,9 @@ class suts_StgOrganizer {
     [[nodiscard]] int TakeBatch(Batch& batch, bool& endReached) SUTL_EXCLUDES(transferMutex_);
     void AbsorbRecords(suts_StgROTransfer::QEntry const* entries, int count);
     void FindNodes(suts_StgROTransfer::QEntry const* entries, int count);
-    void InsertKeys(suts_StgROTransfer::QEntry const* entries, int from, int count) SUTL_EXCLUDES(keys_.lock);
-    [[nodiscard]] int FirstOpening(suts_StgROTransfer::QEntry const* entries, int from, int count);
+    void InsertKeys(suts_StgROTransfer::QEntry const* entries, std::size_t unknown) SUTL_EXCLUDES(keys_.lock);
+    [[nodiscard]] int FirstOpening(int from, int count) const;
+    [[nodiscard]] suts_StgPosition NewestFor(int record) const;
     void PlaceAll(suts_StgROTransfer::QEntry const* entries, int from, int to);
     void PlaceInSet(suts_StgROTransfer::QEntry const* entries, suts_StgKeyNode& node);
     [[nodiscard]] unsigned long SlotOf(unsigned long bucket) const;
@@ -108,10 +109,12 @@ class suts_StgOrganizer {
     // Of the batch at hand; the organizer thread's.
     template <typename T>
     using PerRecord = std::array<T, ABSORPTION_RECORDS_END>;
-    sutl_ByteQueue batchBytes_;               // keys and values of its records
-    PerRecord<unsigned long> hashes_ = {};    // of the keys
-    PerRecord<suts_StgKeyNode*> nodes_ = {};  // of the keys
-    PerRecord<int> nextOfNode_ = {};          // the next record that goes to the same set; none behind the last
+    sutl_ByteQueue batchBytes_;                                  // keys and values of its records
+    PerRecord<unsigned long> hashes_ = {};                       // of the keys
+    PerRecord<unsigned long> buckets_ = {};                      // their numbers
+    PerRecord<suts_StgKeyNode*> nodes_ = {};                     // of the keys
+    PerRecord<suts_StgROTransfer::QEntry const*> unknown_ = {};  // records whose keys the index does not hold
+    PerRecord<int> nextOfNode_ = {};  // the next record that goes to the same set; none behind the last
 
     State state_ = RUNNING;  // feeding thread
     sutl_Mutex transferMutex_;

@@ -185,7 +185,9 @@ suts_StgQueryService::SearchResult suts_StgQueryService::SearchSet(Request const
             if (time < request.timeFrom || time > request.timeTo) continue;
             replyBytes_ += headBytes + record.value.length;
             if (replyBytes_ > replyBytesMax_) return REPLY_TOO_LONG;
-            hits_.Addfront({time, suts_KeepBytes(hitBytes_, record.value)});
+            Hit& hit = hits_.AddfrontInPlace();
+            hit.time = time;
+            suts_KeepBytes(hit.value, record.value, hitBytes_);
         }
         --bucket;
     }

@@ -443,8 +443,8 @@ unsigned int suts_StgRecoveryPlayback::QNext(suts_StgEntry& entry) {
         if (piece != WHOLE) return End(piece);
         if (i == 0) keyBytes = record_.Size();
     }
-    entry.key = sutl_RawBytefield::Shared(record_.Data(), keyBytes);
-    entry.value = sutl_RawBytefield::Shared(record_.Data() + keyBytes, record_.Size() - keyBytes);
+    entry.key.Share(record_.Data(), keyBytes);
+    entry.value.Share(record_.Data() + keyBytes, record_.Size() - keyBytes);
     return 0;
 }
 
@@ -466,8 +466,8 @@ bool suts_StgRecoveryPlayback::TakeFromBlock(suts_StgEntry& entry) {
         behind = value + valueBytes_;
     }
     if (behind == nullptr) return false;
-    entry.key = sutl_RawBytefield::Shared(key, static_cast<int>(value - key));
-    entry.value = sutl_RawBytefield::Shared(value, static_cast<int>(behind - value));
+    entry.key.Share(key, static_cast<int>(value - key));
+    entry.value.Share(value, static_cast<int>(behind - value));
     readPosition_ = static_cast<unsigned int>(behind - block_);
     return true;
 }

@@ -20,25 +20,29 @@ void DropFrom(sutl_ByteQueue& bytes, sutl_RawBytefield const& field) {
 }  // namespace
 
 void suts_StgROTransfer::DropOldestFromMemory() {
-    QEntry const dropped = memoryQueue_.Getend();
-    DropFrom(memoryBytes_, dropped.first);
-    DropFrom(memoryBytes_, dropped.second);
+    DropFrom(memoryBytes_, memoryQueue_.Oldest().first);
+    DropFrom(memoryBytes_, memoryQueue_.Oldest().second);
+    memoryQueue_.Dropend();
 }
 
 void suts_StgROTransfer::DropFromOldestRun() {
     if (--runs_.Oldest().count == 0) runs_.Getend();
 }
 
-void suts_StgROTransfer::Put(QEntry const& entry, suts_StgLogPosition const& position) {
+void suts_StgROTransfer::Put(suts_StgFileRecord* file, long time, sutl_RawBytefield const& first,
+                             sutl_RawBytefield const& second, suts_StgLogPosition const& position) {
     // A handle's address may come again for another file. Then everything counted in the former file was taken, its run
     // will only ever be dropped, and it does no harm that the new file's records lengthen it.
-    if (runs_.size > 0 && runs_.Newest().file == entry.file) {
+    if (runs_.size > 0 && runs_.Newest().file == file) {
         ++runs_.Newest().count;
     } else {
-        runs_.Addfront({entry.file, 1});
+        runs_.Addfront({file, 1});
     }
-    memoryQueue_.Addfront({entry.file, entry.time, suts_KeepBytes(memoryBytes_, entry.first),
-                           suts_KeepBytes(memoryBytes_, entry.second)});
+    QEntry& newest = memoryQueue_.AddfrontInPlace();
+    newest.file = file;
+    newest.time = time;
+    suts_KeepBytes(newest.first, first, memoryBytes_);
+    suts_KeepBytes(newest.second, second, memoryBytes_);
     if (memoryQueue_.size > MEMORY_RECORDS_MAX) DropOldestFromMemory();
     PositionOf(put_) = position;
     ++put_;
@@ -67,10 +71,12 @@ void suts_StgROTransfer::Take(QEntry& out, sutl_ByteQueue& kept) {
         trailReader_.Detach();
         reading_ = false;
     }
-    QEntry const oldest = memoryQueue_.Getend();
-    out = {oldest.file, oldest.time, suts_KeepBytes(kept, oldest.first), suts_KeepBytes(kept, oldest.second)};
-    DropFrom(memoryBytes_, oldest.first);
-    DropFrom(memoryBytes_, oldest.second);
+    QEntry const& oldest = memoryQueue_.Oldest();
+    out.file = oldest.file;
+    out.time = oldest.time;
+    suts_KeepBytes(out.first, oldest.first, kept);
+    suts_KeepBytes(out.second, oldest.second, kept);
+    DropOldestFromMemory();
     --queued_;
 }
 
@@ -82,8 +88,8 @@ void suts_StgROTransfer::TakeFromLog(QEntry& out, sutl_ByteQueue& kept) {
     if (!placed || trailReader_.QNext(entry) != 0) sutl_AssertFailed(SITE_READ_BACK, "ERROR, recovery read failed!\n");
     reading_ = true;
     out.time = entry.time;
-    out.first = suts_KeepBytes(kept, entry.key);
-    out.second = suts_KeepBytes(kept, entry.value);
+    suts_KeepBytes(out.first, entry.key, kept);
+    suts_KeepBytes(out.second, entry.value, kept);
     --queued_;
     --trail_;
     out.file = runs_.Oldest().file;

@@ -43,9 +43,11 @@ class suts_StgROTransfer {
     suts_StgROTransfer(suts_StgROTransfer const&) = delete;
     suts_StgROTransfer& operator=(suts_StgROTransfer const&) = delete;
 
-    // Adds the newest record, or the end marker, with copies of its bytes. position: where it begins in the log; of no
-    // meaning for the end marker, which is not in the log.
-    void Put(QEntry const& entry, suts_StgLogPosition const& position);
+    // Adds the newest record with copies of its bytes. position: where it begins in the log.
+    void Put(suts_StgFileRecord* file, long time, sutl_RawBytefield const& first, sutl_RawBytefield const& second,
+             suts_StgLogPosition const& position);
+    // Adds the end marker, which is not in the log.
+    void PutEndMarker() { Put(nullptr, END_TIME, {}, {}, {}); }
 
     // Takes the oldest record into out, and its bytes into kept, with which out shares them. Only while Queued is above
     // 0.

@@ -22,6 +22,7 @@ void AppendNumber8(sutl_NetorderByteField& out, unsigned long value) { out.Appen
 // Adds the records of a bucket from newest back to shipped, exclusive.
 void Gather(suts_StgShipBatch& batch, suts_StgPosition newest, suts_StgPosition const& shipped) {
     for (; newest != shipped; newest.StepBack()) {
+        if (newest.ChunkIsFull()) newest.PrefetchOlder();
         suts_StgBucketRecord const& record = newest.Record();
         batch.entries.Add(record);
         batch.entriesBytes += EntryBytes(batch, record.value);
