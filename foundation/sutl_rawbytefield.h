@@ -28,13 +28,24 @@ struct alignas(8) sutl_RawBytefield {
 
     // Preps for the bytes and copies them in. An earlier array is not released.
     void Assign(void const* bytes, int count) {
+        if (count <= INLINE_BYTES_MAX) {
+            Share(static_cast<unsigned char const*>(bytes), count);
+            return;
+        }
         Prep(count);
-        if (count > 0) memcpy(Data(), bytes, static_cast<unsigned int>(count));
+        memcpy(Heap(), bytes, static_cast<unsigned int>(count));
     }
 
     // Becomes a value that shares the bytes with their owner, who keeps them: not to be cleared. Up to 12 bytes are
-    // copied. An earlier array is not released.
+    // copied, and zeros behind them. An earlier array is not released.
     void Share(unsigned char const* bytes, int count);
+
+    // The value as two words, of which values of up to 12 bytes that were shared or assigned are equal when they are.
+    struct Words {
+        unsigned long first, last;
+        bool operator==(Words const&) const = default;
+    };
+    [[nodiscard]] Words AsWords() const { return std::bit_cast<Words>(*this); }
 
     [[nodiscard]] unsigned char* Data() { return length > INLINE_BYTES_MAX ? Heap() : storage_; }
     [[nodiscard]] unsigned char const* Data() const { return length > INLINE_BYTES_MAX ? Heap() : storage_; }
@@ -76,6 +87,7 @@ inline void sutl_RawBytefield::Share(unsigned char const* bytes, int count) {
         unsigned long const last8 = count < 8 ? last4 >> (8 * (8 - count)) : load4(4) | last4 << (8 * (count - 8));
         write(static_cast<unsigned long>(count) | load4(0) << 32, last8);
     } else {
+        write(0, 0);
         length = count;
         if (count > INLINE_BYTES_MAX) {
             SetHeap(const_cast<unsigned char*>(bytes));

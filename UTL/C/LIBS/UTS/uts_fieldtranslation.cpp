@@ -20,7 +20,20 @@ unsigned char* StoreText(unsigned char* to, unsigned char const* text, std::size
     return to + textBytes + 1;
 }
 
-int NumberBytes(suts_FieldType type) {
+// Takes a string off the bytes; as suts_StoreFields.
+suts_FieldFault StoreString(unsigned char const*& from, unsigned char const* end, unsigned char*& to) {
+    if (end - from < SUTS_STRING_LENGTH_BYTES) return FIELD_CUT;
+    unsigned int bytes;
+    memcpy(&bytes, from, sizeof bytes);
+    bytes = sutl_ToNetorder(bytes);
+    from += SUTS_STRING_LENGTH_BYTES;
+    if (end - from < static_cast<long>(bytes)) return FIELD_STRING_TOO_LONG;
+    to = StoreText(to, from, bytes);
+    from += bytes;
+    return FIELD_WHOLE;
+}
+
+inline int NumberBytes(suts_FieldType type) {
     switch (type) {
         case SUTS_INT32:
             return SUTS_INT32_BYTES;
@@ -32,7 +45,7 @@ int NumberBytes(suts_FieldType type) {
     }
 }
 
-unsigned char* CopyNumber(unsigned char* to, unsigned char const* from, int bytes) {
+inline unsigned char* CopyNumber(unsigned char* to, unsigned char const* from, int bytes) {
     return bytes == SUTS_INT32_BYTES ? sutl_CopyNetorder<unsigned int>(to, from)
                                      : sutl_CopyNetorder<unsigned long>(to, from);
 }
@@ -128,27 +141,18 @@ int suts_StoreFields(unsigned char const*& from, unsigned char const* end, suts_
                      unsigned char*& to, suts_FieldFault& fault) {
     for (int i = first; i < last; ++i) {
         suts_FieldType const type = spec.Type(i);
-        bool const isText = type == SUTS_STRING64;
-        long bytes = isText ? SUTS_STRING_LENGTH_BYTES : NumberBytes(type);
-        if (end - from < bytes) {
-            fault = FIELD_CUT;
+        if (type == SUTS_STRING64) {
+            fault = StoreString(from, end, to);
+        } else {
+            int const bytes = NumberBytes(type);
+            fault = end - from < bytes ? FIELD_CUT : FIELD_WHOLE;
+            if (fault == FIELD_WHOLE) {
+                to = CopyNumber(to, from, bytes);
+                from += bytes;
+            }
+        }
+        if (fault != FIELD_WHOLE) [[unlikely]]
             return i;
-        }
-        if (!isText) {
-            to = CopyNumber(to, from, static_cast<int>(bytes));
-            from += bytes;
-            continue;
-        }
-        unsigned int wireBytes;
-        memcpy(&wireBytes, from, sizeof wireBytes);
-        bytes = sutl_ToNetorder(wireBytes);
-        from += SUTS_STRING_LENGTH_BYTES;
-        if (end - from < bytes) {
-            fault = FIELD_STRING_TOO_LONG;
-            return i;
-        }
-        to = StoreText(to, from, static_cast<std::size_t>(bytes));
-        from += bytes;
     }
     return last;
 }

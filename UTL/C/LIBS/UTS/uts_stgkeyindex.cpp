@@ -4,8 +4,22 @@
 #include <cstring>
 #include <utility>
 
+namespace {
+
+bool IsSameKey(sutl_RawBytefield const& a, sutl_RawBytefield const& b) {
+    bool const isInline = a.length <= sutl_RawBytefield::INLINE_BYTES_MAX;
+    return isInline ? a.AsWords() == b.AsWords() : sutl_CompareKeys(a, b) == 0;
+}
+
+}  // namespace
+
 unsigned long suts_StgKeyTable::Hash(sutl_RawBytefield const& key) {
     constexpr unsigned long ODD = 0x9e3779b97f4a7c15;
+    if (key.length <= sutl_RawBytefield::INLINE_BYTES_MAX) {
+        sutl_RawBytefield::Words const words = key.AsWords();
+        unsigned long const hash = (words.first * ODD ^ words.last) * ODD;
+        return hash ^ hash >> 32;
+    }
     auto const bytes = static_cast<std::size_t>(key.length);
     unsigned long hash = bytes;
     for (std::size_t at = 0; at < bytes; at += sizeof hash) {
@@ -32,7 +46,7 @@ suts_StgKeyTable::Result suts_StgKeyTable::Find(sutl_RawBytefield const& key, un
     for (std::size_t step = 0; step < WAY_MAX && !slots_.empty(); ++step) {
         Slot const& slot = slots_[(hash + step) & (slots_.size() - 1)];
         if (slot.node == nullptr) break;
-        if (slot.hash == hash && sutl_CompareKeys(key, slot.node->key) == 0) {
+        if (slot.hash == hash && IsSameKey(key, slot.node->key)) {
             node = slot.node;
             return FOUND;
         }

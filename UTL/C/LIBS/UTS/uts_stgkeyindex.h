@@ -39,6 +39,7 @@ class suts_StgKeyTable {
  public:
     enum Result { FOUND, ABSENT, UNKNOWN };
 
+    // Of a key that was shared or assigned.
     [[nodiscard]] static unsigned long Hash(sutl_RawBytefield const& key);
     // The two first steps of a search, apart: many searches go through each step together, and wait for memory once.
     void PrefetchSlot(unsigned long hash) const {

@@ -18,28 +18,37 @@ constexpr sutl_AssertSite SITE_WINDOW_WIDTH = {"uts_stgorganizer.cpp", 192};
 constexpr sutl_AssertSite SITE_NOT_TERMINATED = {"uts_stgorganizer.cpp", 233};
 
 constexpr useconds_t POLL_INTERVAL_US = 1;
-constexpr int BUSY_POLLS = 64;                          // empty ones, until the thread sleeps longer
-constexpr unsigned long IDLE_TIMER_SLACK_NS = 1000000;  // a first record waits no longer than this
-constexpr unsigned long DEFAULT_TIMER_SLACK_NS = 0;     // what the thread began with
+// The least is the system's default; a record waits no longer than the greatest before it is taken.
+constexpr unsigned long TIMER_SLACK_MIN_NS = 50000;
+constexpr unsigned long TIMER_SLACK_MAX_NS = 800000;
+// Records taken between two pauses: fewer make the pauses longer, more make them shorter.
+constexpr int RECORDS_FEW = 300;
+constexpr int RECORDS_MANY = 700;
 constexpr unsigned long REPORT_STEP_FACTOR = 10;
 constexpr std::size_t PREFETCH_SETS = 8;  // how far ahead of its use memory is asked for,
 constexpr int PREFETCH_RECORDS = 16;      // and for records, of which several may go to one set
 
-// The pauses between two looks at an empty queue. They are short as long as records come; when none has come for a
-// while the system may stretch them. For one thread, its own.
+// The pauses of the organizer thread when its queue is empty. How far the system may stretch them follows the stream:
+// each pause should gather a good part of what the queue holds in memory, so that neither a thin stream nor a thick one
+// makes the thread wake up for a handful of records. For one thread, its own.
 class Poll {
  public:
-    void Found() {
-        if (empty_ > BUSY_POLLS) prctl(PR_SET_TIMERSLACK, DEFAULT_TIMER_SLACK_NS);
-        empty_ = 0;
-    }
+    void Took(int records) { taken_ += records; }
     void Pause() {
-        if (empty_ <= BUSY_POLLS && ++empty_ > BUSY_POLLS) prctl(PR_SET_TIMERSLACK, IDLE_TIMER_SLACK_NS);
+        if (taken_ < RECORDS_FEW && slackNs_ < TIMER_SLACK_MAX_NS) SetSlack(2 * slackNs_);
+        if (taken_ > RECORDS_MANY && slackNs_ > TIMER_SLACK_MIN_NS) SetSlack(slackNs_ / 2);
+        taken_ = 0;
         usleep(POLL_INTERVAL_US);
     }
 
  private:
-    int empty_ = 0;  // looks that found nothing, one after the other; counted up to BUSY_POLLS + 1
+    void SetSlack(unsigned long slackNs) {
+        slackNs_ = slackNs;
+        prctl(PR_SET_TIMERSLACK, slackNs);
+    }
+
+    long taken_ = 0;                              // records, since the last pause
+    unsigned long slackNs_ = TIMER_SLACK_MIN_NS;  // by which the system may stretch a pause
 };
 
 }  // namespace
@@ -137,7 +146,7 @@ void* suts_RunOrganizer(void* organizer) {
     while (!endReached) {
         int const count = self.TakeBatch(batch, endReached);
         if (count > 0) {
-            poll.Found();
+            poll.Took(count);
             total += static_cast<unsigned long>(count);
             delta += static_cast<unsigned long>(count);
             self.recovery_.NoteTaken(total);
