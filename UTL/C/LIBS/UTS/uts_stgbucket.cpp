@@ -14,10 +14,10 @@ constexpr sutl_AssertSite SITE_ALIGNMENT = {"UTL/C/LIBS/UTS/uts_stgbucket.h", 12
 constexpr std::uintptr_t CHUNK_ALIGNMENT = 8;
 constexpr std::size_t CACHE_LINE_BYTES = 64;
 constexpr std::size_t PREFETCH_BYTES_MAX = 1024;
+constexpr unsigned int PREFETCH_CHUNKS = 3;  // how far ahead of its use a chunk is asked for
 
 // Has memory that is about to be written on its way to the processor's cache.
 void Prefetch(void const* memory, std::size_t bytes) {
-    if (memory == nullptr) return;
     for (std::size_t at = 0; at < std::min(bytes, PREFETCH_BYTES_MAX); at += CACHE_LINE_BYTES) {
         __builtin_prefetch(static_cast<unsigned char const*>(memory) + at, 1);
     }
@@ -27,19 +27,30 @@ void Prefetch(void const* memory, std::size_t bytes) {
 
 // Chunk store ---------------------------------------------------------------------------------------------------------
 
-// The head of a slab; its chunks follow, from the first that is not yet carved on never used before.
+// The head of a slab. The places of the chunks that were given back follow, newest last, and then the chunks; those
+// from carvedBytes on were never used.
 struct suts_StgChunkStore::Slab {
     Slab* next;  // in the list of all slabs
     Slab* prev;
     Slab* nextAvailable;  // in the list of its room's slabs that have a chunk to give
     Slab* prevAvailable;
-    suts_StgChunk* idle;  // chunks given back
-    unsigned int carvedBytes;
-    unsigned int inUse;  // chunks
     unsigned int chunkBytes;
     unsigned int roomClass;
+    unsigned int carvedBytes;
+    unsigned int inUse;      // chunks
+    unsigned int idleCount;  // chunks given back
 
-    [[nodiscard]] bool IsFull() const { return idle == nullptr && carvedBytes + chunkBytes > SLAB_BYTES; }
+    static constexpr std::size_t PLACE_BYTES = 16;  // places count in these, from the slab's start
+    static_assert(SLAB_BYTES / PLACE_BYTES <= 1UL << 16 && sizeof(suts_StgChunk) % PLACE_BYTES == 0);
+
+    [[nodiscard]] unsigned char* Begin() { return reinterpret_cast<unsigned char*>(this); }
+    [[nodiscard]] unsigned short* Idle() { return reinterpret_cast<unsigned short*>(this + 1); }
+    [[nodiscard]] void* IdleChunk(unsigned int index) { return Begin() + Idle()[index] * PLACE_BYTES; }
+    [[nodiscard]] static std::size_t HeadBytes(std::size_t chunkBytes) {
+        std::size_t const bytes = sizeof(Slab) + SLAB_BYTES / chunkBytes * sizeof(unsigned short);
+        return (bytes + CACHE_LINE_BYTES - 1) / CACHE_LINE_BYTES * CACHE_LINE_BYTES;
+    }
+    [[nodiscard]] bool IsFull() const { return idleCount == 0 && carvedBytes + chunkBytes > SLAB_BYTES; }
     static Slab* Of(suts_StgChunk* chunk) {
         // NOLINTNEXTLINE(performance-no-int-to-ptr): slabs are aligned to their size.
         return reinterpret_cast<Slab*>(reinterpret_cast<std::uintptr_t>(chunk) & ~(SLAB_BYTES - 1));
@@ -74,8 +85,11 @@ suts_StgChunkStore::Slab* suts_StgChunkStore::NewSlab(std::size_t roomClass) {
         reserve_.pop_back();
     }
     auto const chunkBytes = static_cast<unsigned int>(sizeof(suts_StgChunk) + roomClass * ROOM_STEP_BYTES);
-    auto* const slab = new (memory) Slab{
-        all_, nullptr, nullptr, nullptr, nullptr, sizeof(Slab), 0, chunkBytes, static_cast<unsigned int>(roomClass)};
+    auto* const slab = new (memory) Slab{};
+    slab->next = all_;
+    slab->chunkBytes = chunkBytes;
+    slab->roomClass = static_cast<unsigned int>(roomClass);
+    slab->carvedBytes = static_cast<unsigned int>(Slab::HeadBytes(chunkBytes));
     if (all_ != nullptr) all_->prev = slab;
     all_ = slab;
     return slab;
@@ -103,12 +117,14 @@ suts_StgChunk* suts_StgChunkStore::Take(int valueBytes) {
         if (available_[roomClass] == nullptr) LinkAvailable(NewSlab(roomClass));
     }
     Slab& slab = *available_[roomClass];
-    suts_StgChunk* chunk = slab.idle;
-    if (chunk != nullptr) {
-        slab.idle = chunk->older;
-        Prefetch(slab.idle, slab.chunkBytes);  // the next one to be taken
+    suts_StgChunk* chunk;
+    if (slab.idleCount > 0) {
+        chunk = static_cast<suts_StgChunk*>(slab.IdleChunk(--slab.idleCount));
+        if (slab.idleCount >= PREFETCH_CHUNKS) {
+            Prefetch(slab.IdleChunk(slab.idleCount - PREFETCH_CHUNKS), slab.chunkBytes);
+        }
     } else {
-        chunk = reinterpret_cast<suts_StgChunk*>(reinterpret_cast<unsigned char*>(&slab) + slab.carvedBytes);
+        chunk = reinterpret_cast<suts_StgChunk*>(slab.Begin() + slab.carvedBytes);
         if (reinterpret_cast<std::uintptr_t>(chunk) % CHUNK_ALIGNMENT != 0) {
             sutl_AssertFailed(SITE_ALIGNMENT, "ERR: 'new' not aligned to 64 bit.");
         }
@@ -125,7 +141,8 @@ suts_StgChunk* suts_StgChunkStore::Take(int valueBytes) {
 void suts_StgChunkStore::Return(suts_StgChunk* chunk) {
     Slab& slab = *Slab::Of(chunk);
     if (slab.IsFull()) LinkAvailable(&slab);
-    chunk->older = std::exchange(slab.idle, chunk);
+    std::ptrdiff_t const offset = reinterpret_cast<unsigned char*>(chunk) - slab.Begin();
+    slab.Idle()[slab.idleCount++] = static_cast<unsigned short>(offset / static_cast<long>(Slab::PLACE_BYTES));
     if (--slab.inUse > 0) return;
     UnlinkAvailable(&slab);
     (slab.prev != nullptr ? slab.prev->next : all_) = slab.next;

@@ -308,6 +308,11 @@ void suts_StgOrganizer::AdvanceBuckets(unsigned long newCurrent) {
             nodes[i + PREFETCH_SETS]->set.NewestAsWriter(oldest % suts_StgBucketSet::BUCKETS).PrefetchHead();
         }
         suts_StgBucketSet& set = nodes[i]->set;
+        bool holdsAny = false;
+        for (unsigned long bucket = oldest; bucket < end; ++bucket) {
+            holdsAny = holdsAny || !set.NewestAsWriter(bucket % suts_StgBucketSet::BUCKETS).IsEmpty();
+        }
+        if (!holdsAny) continue;
         sutl_WriteLock lock(set.lock);
         for (unsigned long bucket = oldest; bucket < end; ++bucket) {
             set.Recycle(bucket % suts_StgBucketSet::BUCKETS, chunks_);
