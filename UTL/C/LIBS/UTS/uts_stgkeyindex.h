@@ -14,14 +14,14 @@
 // A key's node in the tree. It owns the key's heap array and the set, and keeps its address.
 struct suts_StgKeyNode : sutl_TRBTree_node {
     sutl_RawBytefield key;
-    suts_StgBucketSet set;
     int batchFirst = -1;  // organizer thread: the first and
     int batchLast = -1;   // the last record of the batch at hand that go to the set; none between batches
+    suts_StgBucketSet set;
 
-    // Has the node on its way to the processor's cache before it is needed.
+    // Has key and set on their way to the processor's cache before they are needed.
     void Prefetch() const {
         constexpr std::size_t CACHE_LINE_BYTES = 64;
-        for (std::size_t at = 0; at < sizeof *this; at += CACHE_LINE_BYTES) {
+        for (std::size_t at = sizeof(sutl_TRBTree_node); at < sizeof *this - sizeof(void*); at += CACHE_LINE_BYTES) {
             __builtin_prefetch(reinterpret_cast<unsigned char const*>(this) + at);
         }
     }
