@@ -4,6 +4,11 @@
 #include <utility>
 
 void sutl_ByteQueue::AddBlock(std::size_t bytes) {
+    // An emptied block that has stayed in use must not stand before the new one: nothing would ever drop it.
+    if (!blocks_.empty() && blocks_.back().begin == blocks_.back().end) {
+        idle_ = std::move(blocks_.back());
+        blocks_.pop_back();
+    }
     if (idle_.room >= bytes) {
         blocks_.push_back(std::exchange(idle_, {}));
         return;

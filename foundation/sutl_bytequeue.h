@@ -31,6 +31,8 @@ class sutl_ByteQueue {
     // Drops everything.
     void Clear();
 
+    [[nodiscard]] std::size_t Blocks() const { return blocks_.size(); }  // in use
+
  private:
     static constexpr std::size_t BLOCK_BYTES = 1UL << 16;  // a longer string has a block to itself
 

@@ -1,7 +1,6 @@
 // Locks, conditions and threads: the pthread types with the attributes that clang checks, and scoped owners.
 //
 // Lock order of the whole server, where two are held at once:
-//   transfer mutex (organizer)   -> recovery mutex (writer): the trail reader opens a recovery file
 //   bucket-set lock, for reading -> recovery mutex (writer): a record is marked as shipped
 //   query gate                   -> key-index lock, released before -> bucket-set lock: one search
 // Every other lock is taken alone, and none is held across a socket call.

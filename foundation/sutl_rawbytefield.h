@@ -5,10 +5,11 @@
 #include <cstring>
 #include <type_traits>
 
-// A plain value of 16 bytes. Up to 12 bytes lie inside it, longer values in a heap array. It has no constructor,
-// destructor or copy operation of its own: copies are bitwise and share the heap array, and exactly one of the copies
-// must be cleared. Handing a byte field to another part hands over its heap array; each such place says so. Belongs to
-// one thread at a time.
+// A plain value of 16 bytes. Up to 12 bytes lie inside it, longer values elsewhere: in a heap array of its own, made by
+// Prep or Assign, or among the bytes of somebody else, who keeps them, after Share. It has no constructor, destructor
+// or copy operation of its own: copies are bitwise and share what lies elsewhere. Of the copies of a value with an
+// array exactly one must be cleared, of a shared one none; each hand-over says which it is. Belongs to one thread at a
+// time.
 struct alignas(8) sutl_RawBytefield {
     static constexpr int INLINE_BYTES_MAX = 12;
 
@@ -41,6 +42,7 @@ struct alignas(8) sutl_RawBytefield {
     void Share(unsigned char const* bytes, int count);
 
     // The value as two words, of which values of up to 12 bytes that were shared or assigned are equal when they are.
+    // Not for one that was filled after Prep: what lies behind its bytes is not known.
     struct Words {
         unsigned long first, last;
         bool operator==(Words const&) const = default;

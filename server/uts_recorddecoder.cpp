@@ -76,7 +76,7 @@ void suts_RecordDecoder::Refill() {
     if (2 * rest > roomBytes_) {
         std::unique_ptr<unsigned char[]> const former = std::move(window_);
         SetRoom(2 * roomBytes_);
-        memcpy(window_.get(), former.get() + (at_ - former.get()), rest);
+        memcpy(window_.get(), at_, rest);
     } else if (rest > 0) {
         memmove(window_.get(), at_, rest);
     }

@@ -45,6 +45,7 @@
 extern "C" {
 void* __libc_malloc(std::size_t bytes);
 void* __libc_calloc(std::size_t count, std::size_t bytes);
+void* __libc_memalign(std::size_t alignment, std::size_t bytes);
 void* __libc_realloc(void* block, std::size_t bytes);
 }
 
@@ -363,6 +364,9 @@ int pthread_create(pthread_t* __restrict thread, pthread_attr_t const* __restric
 void* malloc(std::size_t bytes) { return Fails("malloc", -1) ? nullptr : __libc_malloc(bytes); }
 void* calloc(std::size_t count, std::size_t bytes) {
     return Fails("malloc", -1) ? nullptr : __libc_calloc(count, bytes);
+}
+void* aligned_alloc(std::size_t alignment, std::size_t bytes) {
+    return Fails("malloc", -1) ? nullptr : __libc_memalign(alignment, bytes);
 }
 void* realloc(void* block, std::size_t bytes) { return Fails("malloc", -1) ? nullptr : __libc_realloc(block, bytes); }
 

@@ -26,7 +26,9 @@ struct Feeding {
 
 TEST(Pace, ABacklogShrinksAsLongAsTheOrganizerTakes) {
     Feeding feeding;
-    feeding.Feed(RECORDS);  // nobody takes: held back once, for a moment
+    feeding.log.NoteTakerWaits(true);
+    feeding.Feed(RECORDS);  // not held back at all, or this would take a while
+    feeding.log.NoteTakerWaits(false);
     EXPECT_EQ(RECORDS, feeding.log.Untaken());
     std::atomic<bool> ended = false;
     std::thread taking([&] {

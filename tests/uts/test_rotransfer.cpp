@@ -40,10 +40,26 @@ struct Pipeline {
         if (queue.Queued() > suts_StgROTransfer::MEMORY_RECORDS_MAX && !fileExists) ++readFromVanishedFiles;
         QEntry entry;
         queue.Take(entry, kept);
-        // A batch keeps what it has taken until all of it is absorbed.
-        batch.push_back({next.record, entry});
-        if (batch.size() == 50) CheckBatch();
+        Took(next, entry);
+        if (batch.size() >= 50) CheckBatch();
+    }
+    // As many as lie in the log alone, with a record put before they are read.
+    void TakeFromLog(int countMax, Record const& meanwhile) {
+        std::vector<QEntry> entries(static_cast<std::size_t>(countMax));
+        int const count = queue.TakeFromLog(entries.data(), countMax);
+        Put(meanwhile);
+        CheckBatch();
+        queue.ReadTaken(entries.data(), count, kept);
+        for (int i = 0; i < count; ++i) {
+            Took(expected.front(), entries[static_cast<std::size_t>(i)]);
+            expected.pop_front();
+        }
+        CheckBatch();
+    }
+    // A batch keeps what it has taken until all of it is absorbed.
+    void Took(Expected const& next, QEntry const& entry) {
         ASSERT_EQ(next.file, entry.file);
+        batch.push_back({next.record, entry});
         ++taken;
         unmarked.push_back(entry.file);
     }
@@ -120,6 +136,8 @@ TEST(TransferQueue, GivesEveryRecordOnceInOrderWhateverVanishes) {
             while (pipeline.expected.size() != goal && put < sizes.records) {
                 if (rises == (test::Below(random, 5) > 0)) {
                     pipeline.Put(RecordOf(random, sizes, put++));
+                } else if (test::Below(random, 20) == 0) {
+                    pipeline.TakeFromLog(static_cast<int>(1 + test::Below(random, 60)), RecordOf(random, sizes, put++));
                 } else if (!pipeline.expected.empty()) {
                     pipeline.Take();
                 }

@@ -1,7 +1,7 @@
 #include "uts_stgbucket.h"
 
 #include <algorithm>
-#include <cstdlib>
+#include <functional>
 #include <new>
 #include <utility>
 
@@ -57,29 +57,31 @@ struct suts_StgChunkStore::Slab {
     }
 };
 
+void suts_StgChunkStore::FreeSlab(Slab* slab) { ::operator delete(slab, std::align_val_t(SLAB_BYTES)); }
+
 suts_StgChunkStore::~suts_StgChunkStore() {
-    while (all_ != nullptr) free(std::exchange(all_, all_->next));
-    for (Slab* const slab : reserve_) free(slab);
+    while (all_ != nullptr) FreeSlab(std::exchange(all_, all_->next));
+    for (Slab* const slab : reserve_) FreeSlab(slab);
 }
 
 // The values of a schema are all of one length or vary around a mean: then one more than a chunk holds should fit, so
-// that few chunks are too small.
-long suts_StgChunkStore::ClassFor(int valueBytes) {
+// that few chunks are too small. Many buckets hold a record or two, so the first chunk of each has room for these only.
+long suts_StgChunkStore::ClassFor(int valueBytes, bool first) {
     if (valueBytes <= sutl_RawBytefield::INLINE_BYTES_MAX) return 0;
     if (meanBytes_ == 0) meanBytes_ = static_cast<long>(valueBytes) << MEAN_SHIFT;
     long const mean = meanBytes_ >> MEAN_SHIFT;
     lengthsDiffer_ = lengthsDiffer_ || valueBytes != mean;
     meanBytes_ += valueBytes - mean;
     long const step = lengthsDiffer_ ? DIFFERING_STEPS * ROOM_STEP_BYTES : ROOM_STEP_BYTES;
-    long const bytes = (suts_StgChunk::RECORDS + (lengthsDiffer_ ? 1 : 0)) * mean;
+    long const values = first ? FIRST_VALUES : suts_StgChunk::RECORDS + (lengthsDiffer_ ? 1 : 0);
+    long const bytes = values * mean;
     return std::min((bytes + step - 1) / step * step / ROOM_STEP_BYTES, CLASSES - 1);
 }
 
 suts_StgChunkStore::Slab* suts_StgChunkStore::NewSlab(std::size_t roomClass) {
     void* memory;
     if (reserve_.empty()) {
-        memory = aligned_alloc(SLAB_BYTES, SLAB_BYTES);
-        if (memory == nullptr) throw std::bad_alloc();
+        memory = ::operator new(SLAB_BYTES, std::align_val_t(SLAB_BYTES));
     } else {
         memory = reserve_.back();
         reserve_.pop_back();
@@ -109,11 +111,15 @@ void suts_StgChunkStore::UnlinkAvailable(Slab* slab) {
     if (slab->nextAvailable != nullptr) slab->nextAvailable->prevAvailable = slab->prevAvailable;
 }
 
-suts_StgChunk* suts_StgChunkStore::Take(int valueBytes) {
-    auto const roomClass = static_cast<std::size_t>(ClassFor(valueBytes));
+void suts_StgChunkStore::Collect() {
+    suts_StgChunk* returned = returned_.exchange(nullptr, std::memory_order_acquire);
+    while (returned != nullptr) Return(std::exchange(returned, returned->older));
+}
+
+suts_StgChunk* suts_StgChunkStore::Take(int valueBytes, bool first) {
+    auto const roomClass = static_cast<std::size_t>(ClassFor(valueBytes, first));
     if (available_[roomClass] == nullptr) {
-        suts_StgChunk* returned = returned_.exchange(nullptr, std::memory_order_acquire);
-        while (returned != nullptr) Return(std::exchange(returned, returned->older));
+        Collect();
         if (available_[roomClass] == nullptr) LinkAvailable(NewSlab(roomClass));
     }
     Slab& slab = *available_[roomClass];
@@ -150,7 +156,7 @@ void suts_StgChunkStore::Return(suts_StgChunk* chunk) {
     if (reserve_.size() < RESERVE_SLABS) {
         reserve_.push_back(&slab);
     } else {
-        free(&slab);
+        FreeSlab(&slab);
     }
 }
 
@@ -162,27 +168,36 @@ sutl_RawBytefield suts_StgChunkStore::KeepInArray(suts_StgChunk& chunk, sutl_Raw
     return array;
 }
 
+// Frees the heap arrays among the values of a chunk with so many records.
+void suts_StgChunkStore::FreeArraysOf(suts_StgChunk& chunk, unsigned int records) {
+    std::less<unsigned char const*> const before;
+    unsigned char const* const room = chunk.Room();
+    for (unsigned int i = 0; i < records && chunk.arrays > 0; ++i) {
+        sutl_RawBytefield& value = chunk.records[i].value;
+        if (value.length <= sutl_RawBytefield::INLINE_BYTES_MAX) continue;
+        bool const inRoom = !before(value.Data(), room) && before(value.Data(), room + chunk.usedBytes);
+        if (inRoom) continue;
+        value.Clear();
+        --chunk.arrays;
+        arrays_.fetch_sub(1, std::memory_order_relaxed);
+    }
+}
+
 void suts_StgChunkStore::FreeArrays(suts_StgPosition const& newest) {
-    unsigned int inUse = newest.InUse();
+    unsigned int records = newest.InUse();
     for (suts_StgChunk* chunk = newest.Chunk(); chunk != nullptr; chunk = chunk->older) {
-        std::less<unsigned char const*> const before;
-        for (unsigned int i = 0; i < inUse && chunk->arrays > 0; ++i) {
-            sutl_RawBytefield& value = chunk->records[i].value;
-            if (value.length <= sutl_RawBytefield::INLINE_BYTES_MAX) continue;
-            bool const inRoom =
-                !before(value.Data(), chunk->Room()) && before(value.Data(), chunk->Room() + chunk->usedBytes);
-            if (inRoom) continue;
-            value.Clear();
-            --chunk->arrays;
-            arrays_.fetch_sub(1, std::memory_order_relaxed);
-        }
-        inUse = suts_StgChunk::RECORDS;
+        FreeArraysOf(*chunk, records);
+        records = suts_StgChunk::RECORDS;
     }
 }
 
 void suts_StgChunkStore::Give(suts_StgPosition const& newest) {
-    if (HoldsArrays()) FreeArrays(newest);
-    for (suts_StgChunk* chunk = newest.Chunk(); chunk != nullptr;) Return(std::exchange(chunk, chunk->older));
+    unsigned int records = newest.InUse();
+    for (suts_StgChunk* chunk = newest.Chunk(); chunk != nullptr;) {
+        if (chunk->arrays > 0) FreeArraysOf(*chunk, records);
+        records = suts_StgChunk::RECORDS;
+        Return(std::exchange(chunk, chunk->older));
+    }
 }
 
 void suts_StgChunkStore::GiveFromShipThread(suts_StgPosition const& newest) {
@@ -213,7 +228,7 @@ void suts_StgBucketSet::Place(unsigned long slot, suts_StgFileRecord* file, long
                               suts_StgChunkStore& chunks) {
     suts_StgPosition& newest = buckets_[slot].newest;
     if (newest.ChunkIsFull()) {
-        suts_StgChunk* const chunk = chunks.Take(value.length);
+        suts_StgChunk* const chunk = chunks.Take(value.length, newest.IsEmpty());
         chunk->older = newest.Chunk();
         newest.Publish(suts_StgPosition(chunk, 0));
     }

@@ -104,8 +104,8 @@ struct suts_StgRetired {
     suts_StgPosition shipped;
 };
 
-// Where chunks come from and go to: slabs of memory, each for chunks of one room. A slab without chunks in use is given
-// back to the system, but for a reserve. Owned by the organizer, whose thread takes; that thread and the ship thread
+// Where chunks come from and go to: slabs of memory, each for chunks of one room. A slab without chunks in use is
+// freed, but for a reserve. Owned by the organizer, whose thread takes; that thread and the ship thread
 // give back. What is still in use goes with the store, but for heap arrays of values.
 class suts_StgChunkStore {
  public:
@@ -114,13 +114,14 @@ class suts_StgChunkStore {
     suts_StgChunkStore& operator=(suts_StgChunkStore const&) = delete;
     ~suts_StgChunkStore();
 
-    // A chunk without records, with room for values as long as this one and those of late. From the organizer thread,
-    // as Give.
-    [[nodiscard]] suts_StgChunk* Take(int valueBytes);
+    // A chunk without records, the first of its bucket or not, with room for values as long as this one and those of
+    // late. From the organizer thread, as Give and Collect.
+    [[nodiscard]] suts_StgChunk* Take(int valueBytes, bool first);
     // Frees the records from a position to the bucket's beginning, with their chunks.
     void Give(suts_StgPosition const& newest);
-    // The same from the ship thread.
+    // The same from the ship thread. The memory can be used again from the next Collect on.
     void GiveFromShipThread(suts_StgPosition const& newest);
+    void Collect();
 
     // A heap array for a value that finds no room in the chunk. From the organizer thread.
     [[nodiscard]] sutl_RawBytefield KeepInArray(suts_StgChunk& chunk, sutl_RawBytefield const& value);
@@ -131,16 +132,19 @@ class suts_StgChunkStore {
  private:
     static constexpr long ROOM_STEP_BYTES = 32;  // rooms are multiples of it, and of this many where lengths differ
     static constexpr long DIFFERING_STEPS = 4;
-    static constexpr long CLASSES = 256;  // by room in steps: none is greater
+    static constexpr long FIRST_VALUES = 2;  // that find room in the first chunk of a bucket
+    static constexpr long CLASSES = 256;     // by room in steps: none is greater
     static constexpr std::size_t SLAB_BYTES = 1UL << 18;
     static constexpr std::size_t RESERVE_SLABS = 64;
     static constexpr int MEAN_SHIFT = 8;  // the mean of the lengths follows each by a 256th
 
     struct Slab;
 
-    [[nodiscard]] long ClassFor(int valueBytes);
+    [[nodiscard]] long ClassFor(int valueBytes, bool first);
     [[nodiscard]] Slab* NewSlab(std::size_t roomClass);
     void Return(suts_StgChunk* chunk);
+    static void FreeSlab(Slab* slab);
+    void FreeArraysOf(suts_StgChunk& chunk, unsigned int records);
     void LinkAvailable(Slab* slab);
     void UnlinkAvailable(Slab* slab);
 

@@ -6,6 +6,15 @@
 
 namespace {
 
+constexpr unsigned long ODD = 0x9e3779b97f4a7c15;
+
+// Makes every bit of a product count for its low bits, by which slots are chosen.
+unsigned long Mix(unsigned long product) {
+    product ^= product >> 32;
+    product *= ODD;
+    return product ^ product >> 32;
+}
+
 bool IsSameKey(sutl_RawBytefield const& a, sutl_RawBytefield const& b) {
     bool const isInline = a.length <= sutl_RawBytefield::INLINE_BYTES_MAX;
     return isInline ? a.AsWords() == b.AsWords() : sutl_CompareKeys(a, b) == 0;
@@ -14,11 +23,9 @@ bool IsSameKey(sutl_RawBytefield const& a, sutl_RawBytefield const& b) {
 }  // namespace
 
 unsigned long suts_StgKeyTable::Hash(sutl_RawBytefield const& key) {
-    constexpr unsigned long ODD = 0x9e3779b97f4a7c15;
     if (key.length <= sutl_RawBytefield::INLINE_BYTES_MAX) {
         sutl_RawBytefield::Words const words = key.AsWords();
-        unsigned long const hash = (words.first * ODD ^ words.last) * ODD;
-        return hash ^ hash >> 32;
+        return Mix((words.first * ODD ^ words.last) * ODD);
     }
     auto const bytes = static_cast<std::size_t>(key.length);
     unsigned long hash = bytes;
@@ -28,7 +35,7 @@ unsigned long suts_StgKeyTable::Hash(sutl_RawBytefield const& key) {
         hash = (hash ^ word) * ODD;
         hash ^= hash >> 32;
     }
-    return hash;
+    return Mix(hash);
 }
 
 void suts_StgKeyTable::PrefetchNode(unsigned long hash) const {

@@ -71,9 +71,9 @@ class suts_StgKeyTable {
 };
 
 // A tree in key order (sutl_CompareKeys) and a list in the order in which the keys were first seen. Both only grow.
-// Owned by suts_StgOrganizer, whose thread is the only writer: it looks up without the lock and holds it for writing
-// while it inserts. The ship and query threads hold it for reading, and release it before they take a bucket set's
-// lock.
+// Beside them a table and a copy of the order, for the organizer thread alone. Owned by suts_StgOrganizer, whose thread
+// is the only writer: it looks up without the lock and holds it for writing while it inserts. The ship and query
+// threads hold it for reading, and release it before they take a bucket set's lock.
 class suts_StgKeyIndex {
  public:
     suts_StgKeyIndex() = default;

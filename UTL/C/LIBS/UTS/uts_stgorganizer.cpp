@@ -169,19 +169,36 @@ void* suts_RunOrganizer(void* organizer) {
 }
 
 int suts_StgOrganizer::TakeBatch(Batch& batch, bool& endReached) {
-    int count = 0;
     batchBytes_.Clear();
-    sutl_MutexLock lock(transferMutex_);
-    while (transfer_.Queued() > 0 && count < BATCH_RECORDS_MAX) {
-        suts_StgROTransfer::QEntry& entry = batch[static_cast<std::size_t>(count)];
-        transfer_.Take(entry, batchBytes_);
-        if (entry.IsEndMarker()) {
-            endReached = true;
-            break;
+    int const countMax = BatchRecordsMax();
+    int count;
+    bool inLog;
+    {
+        sutl_MutexLock lock(transferMutex_);
+        count = transfer_.TakeFromLog(batch.data(), countMax);
+        inLog = count > 0;
+        while (!inLog && !endReached && transfer_.Queued() > 0 && count < countMax) {
+            suts_StgROTransfer::QEntry& entry = batch[static_cast<std::size_t>(count)];
+            transfer_.Take(entry, batchBytes_);
+            endReached = entry.IsEndMarker();
+            if (!endReached) ++count;
         }
-        ++count;
+    }
+    if (inLog) ReadTaken(batch.data(), count);
+    if (count > 0) {
+        suts_StgROTransfer::QEntry const& last = batch[static_cast<std::size_t>(count) - 1];
+        lastRecordBytes_ = last.first.length + static_cast<long>(last.second.length);
     }
     return count;
+}
+
+// Great records make small batches, of which the memory is held until they are absorbed.
+int suts_StgOrganizer::BatchRecordsMax() const {
+    return static_cast<int>(std::clamp(BATCH_BYTES_MAX / (lastRecordBytes_ + 1), 1L, BATCH_RECORDS_MAX));
+}
+
+void suts_StgOrganizer::ReadTaken(suts_StgROTransfer::QEntry* entries, int count) {
+    transfer_.ReadTaken(entries, count, batchBytes_);
 }
 
 void suts_StgOrganizer::AbsorbRecords(suts_StgROTransfer::QEntry const* entries, int count) {
@@ -318,6 +335,7 @@ void suts_StgOrganizer::AdvanceBuckets(unsigned long newCurrent) {
             set.Recycle(bucket % suts_StgBucketSet::BUCKETS, chunks_);
         }
     }
+    chunks_.Collect();
     char prefix[96];
     snprintf(prefix, sizeof prefix, "TOrg: Advanced buckets from %lu to %lu ", current, newCurrent);
     usage.Report(prefix, "");
@@ -327,7 +345,9 @@ void suts_StgOrganizer::AdvanceBuckets(unsigned long newCurrent) {
 void suts_StgOrganizer::Ship(bool final) {
     unsigned long const current = current_.load(std::memory_order_relaxed);
     unsigned long const newestShipped = final ? current : current - 1;
+    recovery_.NoteTakerWaits(true);
     shipper_.WaitUntilIdle();
+    recovery_.NoteTakerWaits(false);
     shipper_.Post({&keys_, &chunks_, baseUs_ + (newestShipped + 1) * bucketWidthUs_, newestShipped, final});
     if (final) {
         shipper_.WaitUntilIdle();

@@ -62,6 +62,7 @@ class suts_StgOrganizer {
     friend void* suts_RunOrganizer(void* organizer);
 
     static constexpr long BATCH_RECORDS_MAX = 1000;      // per hold of the transfer mutex
+    static constexpr long BATCH_BYTES_MAX = 16L << 20;   // of records as long as the last one
     static constexpr int ABSORPTION_RECORDS_END = 1024;  // a batch must be smaller
     static constexpr long HAND_OFF_BUCKETS = 2;          // opened since the last hand-off: another is due
     static constexpr int WINDOW_BUCKETS = 4;             // buckets a window is wide
@@ -74,6 +75,8 @@ class suts_StgOrganizer {
     void ReadKeyFile(suts_tsspec const& spec, char const* recoverFromPath, sutl_Descriptor const& newKeyFile);
     // Organizer thread only, as the rest.
     [[nodiscard]] int TakeBatch(Batch& batch, bool& endReached) SUTL_EXCLUDES(transferMutex_);
+    [[nodiscard]] int BatchRecordsMax() const;
+    void ReadTaken(suts_StgROTransfer::QEntry* entries, int count) SUTL_NO_THREAD_SAFETY_ANALYSIS;
     void AbsorbRecords(suts_StgROTransfer::QEntry const* entries, int count);
     void FindNodes(suts_StgROTransfer::QEntry const* entries, int count);
     void InsertKeys(suts_StgROTransfer::QEntry const* entries, std::size_t unknown) SUTL_EXCLUDES(keys_.lock);
@@ -109,6 +112,7 @@ class suts_StgOrganizer {
     // Of the batch at hand; the organizer thread's.
     template <typename T>
     using PerRecord = std::array<T, ABSORPTION_RECORDS_END>;
+    long lastRecordBytes_ = 0;                                   // key and value of the last record of the batch before
     sutl_ByteQueue batchBytes_;                                  // keys and values of its records
     PerRecord<unsigned long> hashes_ = {};                       // of the keys
     PerRecord<unsigned long> buckets_ = {};                      // their numbers

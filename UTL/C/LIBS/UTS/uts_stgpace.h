@@ -4,9 +4,8 @@
 #include "uts_stgrecovery.h"
 
 // Holds the feeding thread back while the organizer is far behind, so that a producer which sends flat out is read a
-// little more slowly than the organizer takes, and the backlog shrinks. An organizer that takes nothing, as it does
-// while the consumer takes nothing, holds nobody back: then the log is to grow. Owned by the stager, for the feeding
-// thread.
+// little more slowly than the organizer takes, and the backlog shrinks. An organizer that waits for the consumer holds
+// nobody back: then the log is to grow. Owned by the stager, for the feeding thread.
 class suts_StgPace {
  public:
     static constexpr unsigned long BACKLOG_RECORDS = 1000000;  // up to here nothing is held back
@@ -23,8 +22,9 @@ class suts_StgPace {
     }
 
  private:
-    static constexpr unsigned long STEP_RECORDS = 8192;                           // between two looks at the backlog
-    static constexpr unsigned long STEP_TAKEN = STEP_RECORDS + STEP_RECORDS / 8;  // that the organizer takes meanwhile
+    // Between two looks at the backlog: many, since a thread that sleeps on a busy machine wakes up late.
+    static constexpr unsigned long STEP_RECORDS = 1UL << 16;
+    static constexpr unsigned long STEP_TAKEN = STEP_RECORDS + STEP_RECORDS / 16;  // that the organizer takes meanwhile
 
     void Wait();
 
@@ -32,5 +32,4 @@ class suts_StgPace {
     unsigned long const backlogMax_;  // records
     unsigned long records_ = 0;       // since the last look
     unsigned long taken_ = 0;         // by the organizer, as it was at the end of the last wait
-    bool stalled_ = false;            // the organizer took nothing then
 };

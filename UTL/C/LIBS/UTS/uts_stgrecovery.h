@@ -99,6 +99,9 @@ class suts_StgRecovery {
     // Tells how many of the log's records, counted from its first, the reader of the running log is done with. From the
     // reader's thread; may lag behind, must not run ahead.
     void NoteTaken(unsigned long records) { taken_.store(records, std::memory_order_release); }
+    // Tells whether that reader waits for the consumer, and takes nothing meanwhile.
+    void NoteTakerWaits(bool waits) { takerWaits_.store(waits, std::memory_order_relaxed); }
+    [[nodiscard]] bool TakerWaits() const { return takerWaits_.load(std::memory_order_relaxed); }
     [[nodiscard]] unsigned long Taken() const { return taken_.load(std::memory_order_relaxed); }
     // Records appended that the reader is not known to be done with. From the feeding thread.
     [[nodiscard]] unsigned long Untaken() const { return recordsAppended_ - Taken(); }
@@ -133,6 +136,7 @@ class suts_StgRecovery {
     unsigned long outstandingBytes_ SUTL_GUARDED_BY(mutex_) = 0;   // governs the size limit; only roughly a volume
     KeptFile kept_ SUTL_GUARDED_BY(mutex_);
     std::atomic<unsigned long> taken_{0};  // records the trail is done with; written by TOrg
+    std::atomic<bool> takerWaits_{false};  // TOrg waits for the ship thread; written by TOrg
 
     // Owned by the feeding thread.
     suts_StgFileRecord* currentRecord_ = nullptr;  // of the file open for writing

@@ -64,7 +64,8 @@ void suts_StgROTransfer::AdvanceTrail() {
 void suts_StgROTransfer::Take(QEntry& out, sutl_ByteQueue& kept) {
     if (queued_ < 1) sutl_AssertFailed(SITE_EMPTY, "ERROR, getting from empty queue");
     if (queued_ > MEMORY_RECORDS_MAX) [[unlikely]] {
-        TakeFromLog(out, kept);
+        static_cast<void>(TakeFromLog(&out, 1));
+        ReadTaken(&out, 1, kept);
         return;
     }
     if (reading_) [[unlikely]] {
@@ -80,18 +81,30 @@ void suts_StgROTransfer::Take(QEntry& out, sutl_ByteQueue& kept) {
     --queued_;
 }
 
-void suts_StgROTransfer::TakeFromLog(QEntry& out, sutl_ByteQueue& kept) {
-    sutl_assertfunc(trail_ > MEMORY_RECORDS_MAX, SITE_TRAIL_2.file, SITE_TRAIL_2.line, "ERROR, trail mismatch 2",
-                    nullptr);
-    suts_StgEntry entry;
-    bool const placed = reading_ || trailReader_.Seek(backlogStart_);
-    if (!placed || trailReader_.QNext(entry) != 0) sutl_AssertFailed(SITE_READ_BACK, "ERROR, recovery read failed!\n");
-    reading_ = true;
-    out.time = entry.time;
-    suts_KeepBytes(out.first, entry.key, kept);
-    suts_KeepBytes(out.second, entry.value, kept);
-    --queued_;
-    --trail_;
-    out.file = runs_.Oldest().file;
-    DropFromOldestRun();
+int suts_StgROTransfer::TakeFromLog(QEntry* out, int countMax) {
+    if (!reading_) readFrom_ = backlogStart_;
+    int count = 0;
+    for (; count < countMax && queued_ > MEMORY_RECORDS_MAX; ++count) {
+        sutl_assertfunc(trail_ > MEMORY_RECORDS_MAX, SITE_TRAIL_2.file, SITE_TRAIL_2.line, "ERROR, trail mismatch 2",
+                        nullptr);
+        --queued_;
+        --trail_;
+        out[count].file = runs_.Oldest().file;
+        DropFromOldestRun();
+    }
+    return count;
+}
+
+void suts_StgROTransfer::ReadTaken(QEntry* out, int count, sutl_ByteQueue& kept) {
+    for (int i = 0; i < count; ++i) {
+        suts_StgEntry entry;
+        bool const placed = reading_ || trailReader_.Seek(readFrom_);
+        if (!placed || trailReader_.QNext(entry) != 0) {
+            sutl_AssertFailed(SITE_READ_BACK, "ERROR, recovery read failed!\n");
+        }
+        reading_ = true;
+        out[i].time = entry.time;
+        suts_KeepBytes(out[i].first, entry.key, kept);
+        suts_KeepBytes(out[i].second, entry.value, kept);
+    }
 }
