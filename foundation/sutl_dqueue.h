@@ -103,7 +103,10 @@ class sutl_DQUEUE : public sutl_LIST<T*> {
 
     // The newest and the oldest value in place; the queue must not be empty.
     [[nodiscard]] T& Newest() { return frontSlots_[frontIndex_ + 1]; }
-    [[nodiscard]] T& Oldest() { return endSlots_[endIndex_ - 1]; }
+    [[nodiscard]] T& Oldest() {
+        // NOLINTNEXTLINE(clang-analyzer-core.uninitialized.UndefReturn): a block is there when a value is
+        return endSlots_[endIndex_ - 1];
+    }
 
     // Takes every value out.
     void Discard() {

@@ -7,6 +7,7 @@
 #include <exception>
 
 #include "commands.h"
+#include "completion.h"
 #include "sutl_assert.h"
 
 namespace {
@@ -26,14 +27,14 @@ ExitCode Run(int argc, char** argv) {
     program.footer(
         R"(Each command has a --help of its own. The options --spec, --data, --ship and --query can also be given by the
 environment variables BRINDLE_SPEC, BRINDLE_DATA, BRINDLE_SHIP and BRINDLE_QUERY.
-Exit status: 0 done, 2 wrong usage, 65 bad data, 69 the other side is not there, 74 input or output failed,
-78 the schema cannot be used.
+Exit status: 0 done, 1 done but for rows or records turned away, 2 wrong usage, 65 bad data, 69 the other side is not
+there, 74 input or output failed, 75 try again later, 78 the schema or the state of an earlier run cannot be used.
 Examples:
   brindlectl sink --spec flights.spec --ship 127.0.0.1:7001,7002 --output shipped.csv
   brindlectl send --spec flights.spec --data 127.0.0.1:7101,7102 flights.csv)");
 
-    std::unique_ptr<Command> const commands[] = {MakeSendCommand(), MakeSinkCommand(), MakeQueryCommand(),
-                                                 MakeDumpCommand()};
+    std::unique_ptr<Command> const commands[] = {MakeSendCommand(),  MakeSinkCommand(), MakeQueryCommand(),
+                                                 MakeDumpCommand(), MakeCompletionCommand()};
     for (auto const& command : commands) command->Declare(program);
     try {
         program.parse(argc, argv);

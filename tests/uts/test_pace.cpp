@@ -9,12 +9,13 @@ namespace {
 
 constexpr unsigned long BACKLOG_MAX = 50000;
 constexpr unsigned long RECORDS = 400000;
+std::string const KEY("key\0", 4);
 
 struct Feeding {
     // Appends records as fast as the pace allows.
     void Feed(unsigned long records) {
         for (; records > 0; --records) {
-            test::Log(log, {1, "key\0", ""});
+            test::Log(log, {1, KEY, ""});
             pace.Keep();
         }
     }

@@ -38,6 +38,7 @@ class QueryCommand : public Command {
 
 void QueryCommand::Declare(CLI::App& program) {
     Add(program, "query", "Print the staged records of a key", EXAMPLES);
+    AddSpec();
     AddAddress("--query", "BRINDLE_QUERY", "The server's two query ports");
     AddWait();
     AddTimeName();

@@ -70,6 +70,7 @@ class SendCommand : public Command {
 
 void SendCommand::Declare(CLI::App& program) {
     Add(program, "send", "Send the records of a CSV file to the server", EXAMPLES);
+    AddSpec();
     AddAddress("--data", "BRINDLE_DATA", "The server's two data ports");
     AddWait();
     AddTimeName();

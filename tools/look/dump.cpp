@@ -84,6 +84,7 @@ class DumpCommand : public Command {
 
 void DumpCommand::Declare(CLI::App& program) {
     Add(program, "dump", "Show the records of a recovery directory", EXAMPLES);
+    AddSpec();
     AddTimeName();
     AddChoice("--format", {"lines", "csv"}, format_);
     AddOption("--output", "FILE", "With --format csv: the file to write, - for standard output", outputPath_);

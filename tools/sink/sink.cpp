@@ -49,6 +49,7 @@ class SinkCommand : public Command {
 
 void SinkCommand::Declare(CLI::App& program) {
     Add(program, "sink", "Listen on the two ship ports and write the records shipped", EXAMPLES);
+    AddSpec();
     AddAddress("--ship", "BRINDLE_SHIP", "The two ship ports to listen on; host * for every address of this machine");
     AddTimeName();
     AddChoice("--format", {"csv", "jsonl"}, format_);
