@@ -45,10 +45,7 @@ std::string ForTerminal(std::string_view text) {
 
 RecordOutput::RecordOutput(RecordFormat format, suts_tsspec const& spec, std::vector<std::string> leadingNames,
                            std::string timeName)
-    : format_(format), spec_(spec), names_(std::move(leadingNames)) {
-    names_.push_back(std::move(timeName));
-    for (int i = 0; i < spec.fieldCount; ++i) names_.emplace_back(spec.fieldNames[static_cast<std::size_t>(i)].get());
-}
+    : format_(format), spec_(spec), record_(spec, std::move(leadingNames), std::move(timeName)) {}
 
 bool RecordOutput::Open(std::string const& path) {
     descriptor_ = STDOUT_FILENO;
@@ -64,13 +61,8 @@ bool RecordOutput::Open(std::string const& path) {
 }
 
 void RecordOutput::AddHeader() {
-    if (format_ == RecordFormat::TABLE) tableRows_.push_back(names_);
-    if (format_ != RecordFormat::CSV) return;
-    for (std::size_t i = 0; i < names_.size(); ++i) {
-        if (i > 0) text_ += ',';
-        AppendCsv(text_, names_[i]);
-    }
-    text_ += '\n';
+    if (format_ == RecordFormat::TABLE) tableRows_.push_back(record_.Names());
+    if (format_ == RecordFormat::CSV) record_.AppendCsvHeader(text_);
 }
 
 void RecordOutput::Add(std::span<unsigned long const> leading, long timeUs, std::span<brindle_Value const> values) {
@@ -78,39 +70,13 @@ void RecordOutput::Add(std::span<unsigned long const> leading, long timeUs, std:
         case RecordFormat::TABLE:
             return AddTableRow(leading, timeUs, values);
         case RecordFormat::JSONL:
-            AddJson(leading, timeUs, values);
+            record_.AppendJsonLine(text_, leading, timeUs, values);
             break;
         case RecordFormat::CSV:
-            for (unsigned long const number : leading) fmt::format_to(std::back_inserter(text_), "{},", number);
-            fmt::format_to(std::back_inserter(text_), "{}", timeUs);
-            for (brindle_Value const& value : values) {
-                text_ += ',';
-                AppendCsv(text_, value);
-            }
-            text_ += '\n';
+            record_.AppendCsvRow(text_, leading, timeUs, values);
             break;
     }
     if (text_.size() >= WRITE_BYTES) Write();
-}
-
-void RecordOutput::AddJson(std::span<unsigned long const> leading, long timeUs, std::span<brindle_Value const> values) {
-    std::size_t column = 0;
-    auto const addName = [&] {
-        text_ += column == 0 ? '{' : ',';
-        AppendJson(text_, names_[column++]);
-        text_ += ':';
-    };
-    for (unsigned long const number : leading) {
-        addName();
-        fmt::format_to(std::back_inserter(text_), "{}", number);
-    }
-    addName();
-    fmt::format_to(std::back_inserter(text_), "{}", timeUs);
-    for (brindle_Value const& value : values) {
-        addName();
-        AppendJson(text_, value);
-    }
-    text_ += "}\n";
 }
 
 void RecordOutput::AddTableRow(std::span<unsigned long const> leading, long timeUs,
@@ -127,8 +93,9 @@ void RecordOutput::AddTableRow(std::span<unsigned long const> leading, long time
 }
 
 void RecordOutput::LayOutTable() {
-    std::size_t const fieldColumns = names_.size() - static_cast<std::size_t>(spec_.fieldCount);
-    std::vector<std::size_t> widths(names_.size(), 0);
+    std::size_t const columns = record_.Names().size();
+    std::size_t const fieldColumns = columns - static_cast<std::size_t>(spec_.fieldCount);
+    std::vector<std::size_t> widths(columns, 0);
     for (auto const& row : tableRows_) {
         for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], WidthOf(row[i]));
     }

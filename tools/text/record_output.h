@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "brindle_value.h"
+#include "record_text.h"
 #include "sutl_descriptor.h"
 #include "uts_tsspec.h"
 
@@ -40,7 +41,6 @@ class RecordOutput {
 
  private:
     void AddHeader();
-    void AddJson(std::span<unsigned long const> leading, long timeUs, std::span<brindle_Value const> values);
     void AddTableRow(std::span<unsigned long const> leading, long timeUs, std::span<brindle_Value const> values);
     void LayOutTable();
     void Write();
@@ -48,10 +48,10 @@ class RecordOutput {
 
     RecordFormat const format_;
     suts_tsspec const& spec_;
-    std::vector<std::string> names_;  // of all columns
-    sutl_Descriptor file_;            // none for standard output
-    int descriptor_ = -1;             // written to
-    bool regularFile_ = false;        // whose writes do not wait for anybody
+    RecordText const record_;
+    sutl_Descriptor file_;      // none for standard output
+    int descriptor_ = -1;       // written to
+    bool regularFile_ = false;  // whose writes do not wait for anybody
     int stopDescriptor_ = -1;
     int error_ = 0;                                    // errno of the first failed write
     std::string text_;                                 // not yet written
