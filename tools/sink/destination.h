@@ -30,7 +30,8 @@ struct SinkCycle {
 };
 
 // Takes records in transactions. What a committed transaction wrote is durable, and so is the state written with it:
-// text of the sink's own that says how far it has come. Used on one thread.
+// text of the sink's own that says how far it has come. After any status but OK only Close may follow, then Open. Used
+// on one thread.
 class Destination {
  public:
     enum Status : std::uint8_t {
@@ -79,6 +80,7 @@ struct DestinationOptions {
     std::string timeName = "time";  // of the column with the record's time
     bool withBlocks = false;        // columns for cycle and block of each record
     bool dedupe = false;            // merge equal records
+    int stopDescriptor = -1;        // readable when standard output is not to be waited for any longer
 };
 
 // Makes the destination that a text names: csv:DIR, jsonl:FILE, jsonl:-, sqlite:FILE, postgresql://... None, and the
