@@ -134,8 +134,11 @@ bool brindle_Connection::ServerLeft(Milliseconds wait) const {
 
 brindle_Result brindle_Connection::Send(brindle_Message& message) {
     if (message.BodyBytes() == 0 || message.BodyBytes() > INT_MAX) return BRINDLE_MALFORMED;
-    if (ServerLeft(Milliseconds(0))) return BRINDLE_STREAM_ENDED;
-    std::span<unsigned char const> left = message.Frame();
+    return SendFrame(message.Frame());
+}
+
+brindle_Result brindle_Connection::SendFrame(std::span<unsigned char const> left) {
+    if (HasEnded()) return BRINDLE_STREAM_ENDED;
     while (!left.empty()) {
         // The mark at the end makes the system begin a new segment with the next header, so that none is ever cut.
         ssize_t const sent = send(first_.Get(), left.data(), left.size(), MSG_NOSIGNAL | MSG_EOR);

@@ -42,6 +42,11 @@ class brindle_Connection {
     // SEND_STALL_MAX, STREAM_ENDED when it has closed the conversation already. MALFORMED, and nothing is sent, for an
     // empty message, which would order the server to abort, and for one of 2^31 bytes and more.
     brindle_Result Send(brindle_Message& message);
+    // The same for a frame as brindle_Message::Frame gives it.
+    brindle_Result SendFrame(std::span<unsigned char const> frame);
+
+    // Whether the server has closed the conversation. Never blocks.
+    [[nodiscard]] bool HasEnded() const { return ServerLeft(Milliseconds(0)); }
 
     // Receives the next frame of the second connection; the body is valid until the next call. Blocks, TIMED_OUT after
     // the wait.

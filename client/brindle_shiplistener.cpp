@@ -9,7 +9,11 @@
 
 namespace {
 
-constexpr int BACKLOG = 1;  // one server is expected
+constexpr int BACKLOG = 8;
+constexpr int PAUSE_MS = 100;  // where no descriptor is left for a connection
+
+// Places in what is polled.
+enum Place : std::uint8_t { STOP, FIRST, SECOND, SERVERS };
 
 sutl_Descriptor ListenOn(in_addr host, unsigned short port) {
     sutl_Descriptor socket = sutl_OpenTcpSocket();
@@ -40,33 +44,96 @@ brindle_Result brindle_ShipListener::Listen(brindle_Address const& address) {
     return secondListener_.IsOpen() ? BRINDLE_DONE : BRINDLE_SYSTEM_ERROR;
 }
 
-brindle_Result brindle_ShipListener::AcceptOn(sutl_Descriptor& listener, sutl_Descriptor& connection) {
-    connection = sutl_Descriptor(accept(listener.Get(), nullptr, nullptr));
-    if (connection.IsOpen()) {
-        listener.Close();
-        return BRINDLE_DONE;
+brindle_ShipListener::Event brindle_ShipListener::Next(int stopDescriptor, std::chrono::milliseconds wait,
+                                                       bool holdBack) {
+    gone_ = {};
+    for (;;) {
+        if (turn_ < servers_.size() && servers_[turn_].frames.Take(body_)) {
+            connection_ = servers_[turn_].number;
+            return MESSAGE;
+        }
+        if (!Wait(stopDescriptor, wait, holdBack)) return FAILED;
+        if (ready_[STOP] != 0) return STOPPED;
+        bool anything = false;
+        Event event = NOTHING;
+        // The next one after the one that was read last comes first.
+        for (std::size_t i = 1; i <= servers_.size(); ++i) {
+            std::size_t const place = (turn_ + i) % servers_.size();
+            if (ready_[SERVERS + place] == 0) continue;
+            anything = true;
+            turn_ = place;
+            if (Read(servers_[place], event)) return event;
+            break;
+        }
+        for (std::size_t i = seconds_.size(); i-- > 0;) {
+            // Nothing is sent there, so that it is readable means that it has ended.
+            if (ready_[SERVERS + polledServers_ + i] != 0) seconds_.erase(seconds_.begin() + static_cast<long>(i));
+        }
+        if (ready_[FIRST] != 0 || ready_[SECOND] != 0) {
+            AcceptAll();
+            anything = true;
+        }
+        if (!anything) return NOTHING;
     }
-    // A connection that was given up before its accept is none.
-    return errno == EINTR || errno == ECONNABORTED ? BRINDLE_DONE : BRINDLE_SYSTEM_ERROR;
 }
 
-brindle_Result brindle_ShipListener::Receive(std::span<unsigned char const>& body, int stopDescriptor) {
-    while (!messages_.Take(body)) {
-        // A descriptor of -1 is one that poll passes over.
-        pollfd waited[] = {{stopDescriptor, POLLIN, 0},
-                           {first_.IsOpen() ? first_.Get() : firstListener_.Get(), POLLIN, 0},
-                           {secondListener_.Get(), POLLIN, 0}};
-        if (poll(waited, std::size(waited), -1) < 0) {
-            if (errno == EINTR) continue;
-            return BRINDLE_SYSTEM_ERROR;
-        }
-        if (waited[0].revents != 0) return BRINDLE_STOPPED;
-        brindle_Result result = BRINDLE_DONE;
-        if (waited[2].revents != 0) result = AcceptOn(secondListener_, second_);
-        if (result == BRINDLE_DONE && waited[1].revents != 0) {
-            result = first_.IsOpen() ? messages_.Fill(first_.Get()) : AcceptOn(firstListener_, first_);
-        }
-        if (result != BRINDLE_DONE) return result;
+// One look at all descriptors. False, with errno, when the system refuses.
+bool brindle_ShipListener::Wait(int stopDescriptor, std::chrono::milliseconds wait, bool holdBack) {
+    bool const hasRoom = servers_.size() < CONNECTIONS_MAX;
+    std::vector<pollfd> waited = {{stopDescriptor, POLLIN, 0},
+                                  {hasRoom ? firstListener_.Get() : -1, POLLIN, 0},
+                                  {seconds_.size() < CONNECTIONS_MAX ? secondListener_.Get() : -1, POLLIN, 0}};
+    // A descriptor of -1 is one that poll passes over.
+    for (Server const& server : servers_) waited.push_back({holdBack ? -1 : server.socket.Get(), POLLIN, 0});
+    for (sutl_Descriptor const& second : seconds_) waited.push_back({second.Get(), POLLIN, 0});
+    while (poll(waited.data(), waited.size(), static_cast<int>(wait.count())) < 0) {
+        if (errno != EINTR) return false;
     }
-    return BRINDLE_DONE;
+    ready_.clear();
+    for (pollfd const& one : waited) ready_.push_back(one.revents);
+    polledServers_ = servers_.size();
+    return true;
+}
+
+void brindle_ShipListener::AcceptAll() {
+    bool full = false;
+    auto const acceptFrom = [&full](sutl_Descriptor const& listener) {
+        sutl_Descriptor socket(accept4(listener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+        // One that was given up before its accept is none.
+        full = full || (!socket.IsOpen() && errno != EINTR && errno != ECONNABORTED);
+        return socket;
+    };
+    if (ready_[FIRST] != 0) {
+        if (sutl_Descriptor socket = acceptFrom(firstListener_); socket.IsOpen()) {
+            servers_.push_back({std::move(socket), {}, 0});
+        }
+    }
+    if (ready_[SECOND] != 0) {
+        if (sutl_Descriptor socket = acceptFrom(secondListener_); socket.IsOpen())
+            seconds_.push_back(std::move(socket));
+    }
+    // It would be ready again at once.
+    if (full) poll(nullptr, 0, PAUSE_MS);
+}
+
+// One read. True when there is something to tell.
+bool brindle_ShipListener::Read(Server& server, Event& event) {
+    brindle_Result const result = server.frames.Fill(server.socket.Get());
+    if (result == BRINDLE_DONE) {
+        if (server.number != 0) return false;
+        server.number = ++connections_;
+        connection_ = server.number;
+        event = CONNECTED;
+        return true;
+    }
+    int const error = errno;
+    gone_ = std::move(server);
+    servers_.erase(servers_.begin() + static_cast<long>(turn_));
+    errno = error;
+    if (gone_.number == 0) return false;
+    connection_ = gone_.number;
+    body_ = gone_.frames.Rest();
+    end_ = result;
+    event = ENDED;
+    return true;
 }

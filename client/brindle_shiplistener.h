@@ -1,37 +1,67 @@
 // The consumer's side of the ship ports.
 #pragma once
 
+#include <chrono>
+#include <cstdint>
 #include <span>
+#include <vector>
 
 #include "brindle_connection.h"
 #include "brindle_framereader.h"
 #include "brindle_result.h"
 #include "sutl_descriptor.h"
 
-// Listens for one server and receives what it ships. It reads the first connection from the moment it is there, whether
-// or not the second, which carries nothing, ever comes: a server must not wait for its consumer. Closes everything at
-// its end. One thread at a time.
+// Listens for servers and receives what they ship, one after the other or several at a time. A connection to the first
+// port is read from the moment it is there, whatever comes on the second port, whose connections carry nothing: a
+// server must not wait for its consumer. A connection that never says anything is none: a probe of the port does no
+// harm. Closes everything at its end. One thread at a time.
 class brindle_ShipListener {
  public:
-    // Opens both ports; the server can connect from then on. UNKNOWN_HOST, or SYSTEM_ERROR when a port is taken.
+    enum Event : std::uint8_t {
+        CONNECTED,  // the first bytes of a server have come
+        MESSAGE,    // Body() is a message's
+        ENDED,      // of a connection that was CONNECTED: End() tells how, Body() is what has come of a last message
+        NOTHING,    // within the wait
+        STOPPED,    // the stop descriptor is readable
+        FAILED      // of the listener itself; errno
+    };
+
+    // Opens both ports; servers can connect from then on. UNKNOWN_HOST, or SYSTEM_ERROR when a port is taken.
     brindle_Result Listen(brindle_Address const& address);
 
-    // Waits for the server, then for its next message; the body is valid until the next call. Blocks without limit, but
-    // for the stop descriptor: STOPPED as soon as that is readable (-1: none). Once a server has come no second one is
-    // let in.
-    brindle_Result Receive(std::span<unsigned char const>& body, int stopDescriptor);
+    // Waits for the next event, at most so long. While it is held back it reads nothing, so that servers wait.
+    [[nodiscard]] Event Next(int stopDescriptor, std::chrono::milliseconds wait, bool holdBack = false);
 
-    // What has come of a message that is not whole, when nothing more comes. Valid until the next Receive.
-    [[nodiscard]] std::span<unsigned char const> Rest() const { return messages_.Rest(); }
-
-    [[nodiscard]] bool HasServer() const { return first_.IsOpen(); }  // one has connected, and may have left since
+    // Of the last event; valid until the next call of Next.
+    [[nodiscard]] unsigned long Connection() const { return connection_; }  // counted from 1
+    [[nodiscard]] std::span<unsigned char const> Body() const { return body_; }
+    [[nodiscard]] brindle_Result End() const {
+        return end_;
+    }  // STREAM_ENDED, STREAM_CUT, MALFORMED, SYSTEM_ERROR (errno)
 
  private:
-    brindle_Result AcceptOn(sutl_Descriptor& listener, sutl_Descriptor& connection);
+    static constexpr std::size_t CONNECTIONS_MAX = 16;  // more have to wait: a server has one
 
-    sutl_Descriptor firstListener_;   // open until its connection came
-    sutl_Descriptor secondListener_;  // the same
-    sutl_Descriptor first_;           // the messages
-    sutl_Descriptor second_;          // only kept open
-    brindle_FrameReader messages_;
+    struct Server {
+        sutl_Descriptor socket;
+        brindle_FrameReader frames;
+        unsigned long number = 0;  // 0 until its first bytes
+    };
+
+    [[nodiscard]] bool Wait(int stopDescriptor, std::chrono::milliseconds wait, bool holdBack);
+    void AcceptAll();
+    [[nodiscard]] bool Read(Server& server, Event& event);
+
+    sutl_Descriptor firstListener_;
+    sutl_Descriptor secondListener_;
+    std::vector<Server> servers_;           // of the first port
+    std::vector<sutl_Descriptor> seconds_;  // of the second port; only kept open
+    std::vector<short> ready_;              // what the last poll told: stop, listeners, servers, second connections
+    std::size_t polledServers_ = 0;         // of these
+    std::size_t turn_ = 0;                  // of the server that is read, while it has messages
+    Server gone_;                           // of the last ENDED
+    unsigned long connections_ = 0;
+    unsigned long connection_ = 0;
+    std::span<unsigned char const> body_;
+    brindle_Result end_ = BRINDLE_DONE;
 };

@@ -1,26 +1,56 @@
-// brindlectl sink: receives what the server ships.
+// brindlectl sink: receives what servers ship, and writes it to a destination.
+
+#include <stdlib.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
 #include <cstring>
+#include <nlohmann/json.hpp>
+#include <thread>
 
 #include "brindle_shiplistener.h"
-#include "brindle_shipreader.h"
 #include "commands.h"
+#include "destination.h"
+#include "progress.h"
+#include "ship_spool.h"
+#include "ship_writer.h"
 #include "stop_signals.h"
 
 namespace {
 
+constexpr char STANDARD_OUTPUT[] = "jsonl:-";
+
 constexpr char EXAMPLES[] =
-    R"(Start it before the server, which drops what nobody is there to take. It ends when the server ends, or on Ctrl-C, with
-everything received so far written. The output is complete up to each end of cycle. Columns are the time in
-microseconds, then the fields of the schema. --blocks puts two more before them: the cycle, counted from 1, and the block of one key within it; the
-records of a block are in order of time. A message that cannot be read is reported and skipped.
-A float64 that is no number is written inf, -inf, nan, or nan: and the 16 hexadecimal digits of its bits; in JSON lines
-as such a string. CSV holds texts as their bytes are; in JSON lines a text that is no UTF-8 becomes an object with its
-bytes, such as {"hex":"ff41"}.
+    R"(Destinations, in place of the default sqlite:brindle.db:
+  sqlite:FILE               tables for records, keys, cycles and rejects, and a view with the schema's name
+  postgresql://...          the same in a database
+  csv:DIR                   DIR/NAME.csv; jsonl:FILE is the same as JSON lines, jsonl:- writes to standard output
+A destination takes what the same sink wrote before into account: it can be stopped and started at any time.
+Start it before the server, which drops what nobody is there to take. It serves server after server until Ctrl-C, or
+with --once until the first one has ended. What comes goes to the spool first, a directory beside the destination: the
+sink goes on reading while the destination is slow or away, and catches up later. A cycle is one transaction; one that
+was cut off is written as far as it came and marked as incomplete. What a destination refuses goes to its rejects.
+With --json, at the end: cycles, incomplete, keys, records, doubles, merged, dropped, rejected, malformed, spool_bytes.
+Exit status 1 when something went to the rejects, 69 when a connection was cut, 75 when something had to stay in the
+spool.
 Examples:
-  brindlectl sink --spec flights.spec --ship 127.0.0.1:7001,7002 --output shipped.csv
-  brindlectl sink --spec flights.spec --ship '*:7001,7002' --format jsonl --quiet | jq .delay_minutes)";
+  brindlectl sink --spec flights.spec --ship 127.0.0.1:7001,7002
+  brindlectl sink --spec flights.spec --ship '*:7001,7002' --stats postgresql://stage@db.example/flights
+  brindlectl sink --spec flights.spec --ship 127.0.0.1:7001,7002 --once --quiet jsonl:- | jq .delay_minutes)";
+
+// Where the spool is when nothing is said.
+std::string SpoolBeside(std::string const& destination, std::string const& schemaName) {
+    for (std::string_view const kind : {"sqlite:", "csv:", "jsonl:"}) {
+        if (!destination.starts_with(kind)) continue;
+        std::string path = destination.substr(kind.size());
+        while (path.size() > 1 && path.ends_with('/')) path.pop_back();
+        return path + ".spool";
+    }
+    return schemaName + ".spool";
+}
 
 class SinkCommand : public Command {
  public:
@@ -28,143 +58,203 @@ class SinkCommand : public Command {
     ExitCode Run() override;
 
  private:
-    ExitCode Receive(brindle_ShipListener& listener, StopSignals const& signals, RecordOutput& output);
-    ExitCode TakeMessage(std::span<unsigned char const> message, RecordOutput& output);
-    void TakeRest(std::span<unsigned char const> rest, RecordOutput& output);
-    brindle_ShipReader::Item TakeItems(RecordOutput& output);
-    [[nodiscard]] ExitCode EndOfStream(brindle_Result result, bool hadServer) const;
+    [[nodiscard]] ExitCode CheckOptions(ShipWriter::Options& options) const;
+    [[nodiscard]] ExitCode Listen(brindle_ShipListener& listener);
+    [[nodiscard]] ExitCode OpenSpool(Spool& spool, bool isTemporary);
+    [[nodiscard]] ExitCode Work(brindle_ShipListener& listener, Spool& spool, Destination& destination,
+                                ShipWriter::Options const& options);
+    [[nodiscard]] ExitCode Report(ShipReceiver const& receiver, ShipWriter const& writer, ShipWriter::Result result);
 
     suts_tsspec spec_;
-    std::string format_ = "csv";
-    bool withBlocks_ = false;
-    std::unique_ptr<brindle_ShipReader> reader_;
-    unsigned long messages_ = 0;
-    unsigned long cycles_ = 0;  // that have ended
-    unsigned long blocks_ = 0;  // of the cycle that has begun
-    unsigned long keys_ = 0;    // announced
-    unsigned long records_ = 0;
-    unsigned long malformed_ = 0;  // messages
-    bool inCycle_ = false;         // a cycle has begun and not ended
+    std::string destinationText_ = "sqlite:brindle.db";
+    DestinationOptions destinationOptions_;
+    std::string spoolPath_;
+    long spoolBytesMax_ = 4L << 30;
+    std::string sequenceName_;
+    std::string watermarkPath_;
+    std::vector<std::string> streamTexts_;
+    std::vector<std::string> dropKeys_;
+    bool once_ = false;
+    bool stats_ = false;
 };
 
 void SinkCommand::Declare(CLI::App& program) {
     Add(program, "sink", "Listen on the two ship ports and write the records shipped", EXAMPLES);
     AddSpec();
     AddAddress("--ship", "BRINDLE_SHIP", "The two ship ports to listen on; host * for every address of this machine");
+    AddOptionalArgument("destination", "Where the records go", destinationText_);
     AddTimeName();
-    AddChoice("--format", {"csv", "jsonl"}, format_);
-    AddOption("--output", "FILE", "The file to write, - for standard output", outputPath_);
-    AddFlag("--blocks", "Put the numbers of cycle and block before each record", withBlocks_);
+    AddFlag("--once", "End when the first server has ended", once_);
+    AddFlag("--stats", "Say for each cycle what it brought, its newest time and how far that is behind the clock",
+            stats_);
+    AddFlag("--blocks", "Write the numbers of cycle and block with each record", destinationOptions_.withBlocks);
+    AddFlag("--dedupe", "Merge records that are equal in all fields; for tables only", destinationOptions_.dedupe);
+    AddOptions("--drop-key", "KEY", "Leave the records of this key out, such as a heartbeat's; may be repeated",
+               dropKeys_);
+    AddOption("--spool", "DIR", "Directory for what the destination has not taken yet; beside it by default",
+              spoolPath_);
+    AddBytes("--spool-max", "Size of the spool at which servers have to wait; 4G by default", spoolBytesMax_);
+    AddOption("--sequence", "FIELD",
+              "The int64 field in which 'send --sequence' numbers records: none is written twice", sequenceName_);
+    AddOption("--watermark", "FILE", "With --sequence: tell the sender in this file what the destination holds",
+              watermarkPath_);
+    AddOptions("--stream", "ID", "With --sequence: let this stream in though the destination does not know it yet",
+               streamTexts_);
+    AddJson();
 }
 
 ExitCode SinkCommand::Run() {
     if (ExitCode const loaded = LoadSpec(spec_); loaded != DONE) return loaded;
-    std::vector<std::string> leading;
-    if (withBlocks_) leading = {"cycle", "block"};
-    std::vector<std::string> columns = leading;
-    columns.push_back(timeName_);
-    if (ExitCode const checked = CheckColumns(spec_, columns); checked != DONE) return checked;
-
-    StopSignals const signals;
+    ShipWriter::Options options;
+    if (ExitCode const checked = CheckOptions(options); checked != DONE) return checked;
+    destinationOptions_.timeName = timeName_;
+    std::string problem;
+    auto const destination = MakeDestination(destinationText_, spec_, destinationOptions_, problem);
+    if (destination == nullptr) return Fail(USAGE, "{}: {}", destinationText_, problem);
     brindle_ShipListener listener;
-    brindle_Result const listening = listener.Listen(address_);
-    if (listening == BRINDLE_UNKNOWN_HOST) return FailToConnect(listening);
-    if (listening != BRINDLE_DONE) {
-        return Fail(UNAVAILABLE, "{}: cannot listen: {}; choose other ports or end who holds them", addressText_,
-                    strerror(errno));
-    }
-    RecordOutput output(format_ == "csv" ? RecordFormat::CSV : RecordFormat::JSONL, spec_, leading, timeName_);
-    if (ExitCode const opened = OpenOutput(output); opened != DONE) return opened;
-    output.StopOn(signals.Descriptor());
-    reader_ = std::make_unique<brindle_ShipReader>(spec_);
-
-    ExitCode code = Receive(listener, signals, output);
-    if (ExitCode const flushed = FlushOutput(output); flushed != DONE) code = flushed;
-    Say("received: {} cycles, {} keys, {} records", cycles_, keys_, records_);
+    if (ExitCode const listening = Listen(listener); listening != DONE) return listening;
+    bool const isTemporary = destinationText_ == STANDARD_OUTPUT && spoolPath_.empty();
+    Spool spool;
+    if (ExitCode const opened = OpenSpool(spool, isTemporary); opened != DONE) return opened;
+    ExitCode const code = Work(listener, spool, *destination, options);
+    if (isTemporary) spool.Remove();
     return code;
 }
 
-ExitCode SinkCommand::Receive(brindle_ShipListener& listener, StopSignals const& signals, RecordOutput& output) {
-    for (;;) {
-        std::span<unsigned char const> message;
-        brindle_Result const result = listener.Receive(message, signals.Descriptor());
-        if (result != BRINDLE_DONE) {
-            ExitCode const end = EndOfStream(result, listener.HasServer());
-            TakeRest(listener.Rest(), output);
-            return end;
+ExitCode SinkCommand::CheckOptions(ShipWriter::Options& options) const {
+    std::vector<std::string> columns = {timeName_};
+    if (destinationOptions_.withBlocks) columns.insert(columns.end(), {"cycle", "block"});
+    if (ExitCode const checked = CheckColumns(spec_, columns); checked != DONE) return checked;
+    options.stats = stats_;
+    options.dropKeys = dropKeys_;
+    if (sequenceName_.empty()) {
+        if (watermarkPath_.empty() && streamTexts_.empty()) return DONE;
+        return Fail(USAGE, "--watermark and --stream need --sequence");
+    }
+    if (destinationText_ == STANDARD_OUTPUT) {
+        return Fail(USAGE, "--sequence needs a destination that keeps what it was given; standard output does not");
+    }
+    for (int i = 0; i < spec_.fieldCount; ++i) {
+        if (sequenceName_ == spec_.fieldNames[static_cast<std::size_t>(i)].get()) options.sequenceField = i;
+    }
+    if (options.sequenceField < 1 || spec_.Type(options.sequenceField) != SUTS_INT64) {
+        return Fail(BAD_CONFIGURATION, "--sequence {}: the schema has no int64 field of this name behind the key",
+                    sequenceName_);
+    }
+    for (std::string const& text : streamTexts_) {
+        unsigned long stream = 0;
+        auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), stream);
+        if (error != std::errc() || end != text.data() + text.size() || stream == 0 ||
+            stream > StreamNumber::STREAM_MAX) {
+            return Fail(USAGE, "--stream {}: a stream is a number from 1 to {}", text, StreamNumber::STREAM_MAX);
         }
-        if (ExitCode const taken = TakeMessage(message, output); taken != DONE) return taken;
-    }
-}
-
-// Takes keys and records up to the first item that is neither.
-brindle_ShipReader::Item SinkCommand::TakeItems(RecordOutput& output) {
-    for (;;) {
-        brindle_ShipReader::Item const item = reader_->Next();
-        switch (item) {
-            case brindle_ShipReader::KEY_ANNOUNCED:
-                ++keys_;
-                break;
-            case brindle_ShipReader::BLOCK_STARTED:
-                ++blocks_;
-                break;
-            case brindle_ShipReader::RECORD: {
-                ++records_;
-                unsigned long const place[] = {cycles_ + 1, blocks_};
-                output.Add(std::span(place, withBlocks_ ? 2 : 0), reader_->TimeUs(), reader_->Values());
-                break;
-            }
-            default:
-                return item;
-        }
-    }
-}
-
-ExitCode SinkCommand::TakeMessage(std::span<unsigned char const> message, RecordOutput& output) {
-    ++messages_;
-    inCycle_ = true;
-    reader_->Start(message);
-    brindle_ShipReader::Item const last = TakeItems(output);
-    if (last == brindle_ShipReader::CYCLE_ENDED) {
-        ++cycles_;
-        blocks_ = 0;
-        inCycle_ = false;
-        return output.Flush() == 0 ? DONE : IO_ERROR;
-    }
-    if (last == brindle_ShipReader::MALFORMED) {
-        // Frames tell where the next message begins, so that one bad message costs no other.
-        ++malformed_;
-        Fail(BAD_DATA, "message {} of {} bytes cannot be read with this schema; the rest of it is skipped", messages_,
-             message.size());
+        options.streams.push_back(stream);
     }
     return DONE;
 }
 
-// The server does not send a message again that was cut, so its whole records are kept.
-void SinkCommand::TakeRest(std::span<unsigned char const> rest, RecordOutput& output) {
-    if (rest.empty()) return;
-    unsigned long const before = records_;
-    reader_->Start(rest, true);
-    TakeItems(output);
-    Say("the last message was cut; the {} whole records of it are written", records_ - before);
+ExitCode SinkCommand::Listen(brindle_ShipListener& listener) {
+    brindle_Result const listening = listener.Listen(address_);
+    if (listening == BRINDLE_DONE) return DONE;
+    if (listening == BRINDLE_UNKNOWN_HOST) return FailToConnect(listening);
+    return Fail(UNAVAILABLE, "{}: cannot listen: {}; choose other ports or end who holds them", addressText_,
+                strerror(errno));
 }
 
-ExitCode SinkCommand::EndOfStream(brindle_Result result, bool hadServer) const {
-    int const error = errno;
-    if (result == BRINDLE_STOPPED) {
-        if (hadServer) Say("stopped while the server was connected; what it ships from now on is lost");
-    } else if (result == BRINDLE_MALFORMED) {
-        return Fail(BAD_DATA, "message {} is longer than any the server sends; is this a Brindle server?",
-                    messages_ + 1);
-    } else if (result != BRINDLE_STREAM_ENDED || inCycle_) {
-        return Fail(UNAVAILABLE, "the server's stream was cut off: {}; what had come is written",
-                    result == BRINDLE_SYSTEM_ERROR ? strerror(error) : "the last cycle has no end");
-    } else if (messages_ == 0) {
-        return Fail(UNAVAILABLE, "the connection was closed before any message came; was it the server?");
+ExitCode SinkCommand::OpenSpool(Spool& spool, bool isTemporary) {
+    if (isTemporary) {
+        char const* const folder = getenv("TMPDIR");
+        std::string path = fmt::format("{}/brindle-sink-XXXXXX", folder == nullptr ? "/tmp" : folder);
+        if (mkdtemp(path.data()) == nullptr) return Fail(IO_ERROR, "{}: {}", path, strerror(errno));
+        spoolPath_ = path;
+    } else if (spoolPath_.empty()) {
+        spoolPath_ = SpoolBeside(destinationText_, spec_.name.get());
     }
-    if (malformed_ == 0) return DONE;
-    return Fail(BAD_DATA, "{} of {} messages could not be read; check that the schema is the server's", malformed_,
-                messages_);
+    switch (spool.Open(spoolPath_, true)) {
+        case Spool::OPENED:
+            break;
+        case Spool::IN_USE:
+            return Fail(TRY_AGAIN, "the spool {}; is a sink for this destination running already?", spool.Problem());
+        default:
+            return Fail(IO_ERROR, "the spool {}", spool.Problem());
+    }
+    if (!spool.Problem().empty()) Warn("the spool {}", spool.Problem());
+    return DONE;
+}
+
+ExitCode SinkCommand::Work(brindle_ShipListener& listener, Spool& spool, Destination& destination,
+                           ShipWriter::Options const& options) {
+    WatermarkWriter watermarks;
+    if (int const error = watermarks.Open(watermarkPath_); error != 0) {
+        return Fail(IO_ERROR, "{}: cannot be written: {}", watermarkPath_, strerror(error));
+    }
+    StopSignals const signals;
+    Progress progress("records", !IsQuiet());
+    ShipReceiver receiver(listener, spool, watermarks, {static_cast<unsigned long>(spoolBytesMax_), once_},
+                          [this](std::string const& text) { Warn("{}", text); });
+    auto const say = [this, &progress](std::string const& text) {
+        progress.Clear();
+        Warn("{}", text);
+    };
+    ShipWriter writer(spec_, spool, destination, watermarks, options, say, progress);
+    // Ends the receiving: a signal, or a destination that refuses.
+    sutl_Descriptor const refused(eventfd(0, EFD_CLOEXEC));
+    sutl_Descriptor const stop(epoll_create1(EPOLL_CLOEXEC));
+    epoll_event event = {EPOLLIN, {}};
+    if (!refused.IsOpen() || epoll_ctl(stop.Get(), EPOLL_CTL_ADD, signals.Descriptor(), &event) != 0 ||
+        epoll_ctl(stop.Get(), EPOLL_CTL_ADD, refused.Get(), &event) != 0) {
+        return Fail(IO_ERROR, "no descriptor for the end: {}", strerror(errno));
+    }
+    if (!writer.Prepare()) return Fail(BAD_CONFIGURATION, "{}: {}", destinationText_, writer.Problem());
+    std::thread receiving(&ShipReceiver::Run, &receiver, stop.Get());
+    ShipWriter::Result const result = writer.Run(receiver);
+    eventfd_write(refused.Get(), 1);
+    receiving.join();
+    progress.Clear();
+    // A spool of which nothing is needed any more would only puzzle.
+    if (result == ShipWriter::DRAINED) spool.Remove();
+    return Report(receiver, writer, result);
+}
+
+ExitCode SinkCommand::Report(ShipReceiver const& receiver, ShipWriter const& writer, ShipWriter::Result result) {
+    ShipWriter::Totals const& totals = writer.Written();
+    unsigned long const bytesLeft = result == ShipWriter::DRAINED ? 0 : writer.BytesLeft();
+    ExitCode code = DONE;
+    if (totals.rejected > 0) {
+        code = REJECTS;
+        Warn("{} record{} or messages went to the rejects", totals.rejected, totals.rejected == 1 ? "" : "s");
+    }
+    if (receiver.WasCut() || totals.incomplete > 0) code = UNAVAILABLE;
+    if (once_ && receiver.Connections() == 0) {
+        Warn("no server came");
+        code = UNAVAILABLE;
+    }
+    if (receiver.Error() != 0) code = Fail(IO_ERROR, "the spool {}: {}", spoolPath_, strerror(receiver.Error()));
+    if (result == ShipWriter::LEFT) {
+        code = Fail(TRY_AGAIN, "{} bytes stay in {} for the next start with this destination", bytesLeft, spoolPath_);
+    }
+    if (result == ShipWriter::SPOOL_LOST) code = Fail(IO_ERROR, "{}: {}", spoolPath_, writer.Problem());
+    if (result == ShipWriter::REFUSED) { code = Fail(BAD_CONFIGURATION, "{}: {}", destinationText_, writer.Problem()); }
+    std::string more;
+    auto const add = [&more](unsigned long count, char const* what) {
+        if (count > 0) more += fmt::format(", {} {}", count, what);
+    };
+    add(totals.doubles, "numbered ones left out as doubles");
+    add(totals.merged, "equal ones merged");
+    add(totals.dropped, "dropped by their key");
+    add(totals.incomplete, totals.incomplete == 1 ? "incomplete cycle" : "incomplete cycles");
+    Say("received: {} cycles, {} keys, {} records{}", totals.cycles, totals.keys, totals.records, more);
+    ExitCode const printed = PrintResult({{"cycles", totals.cycles},
+                                          {"incomplete", totals.incomplete},
+                                          {"keys", totals.keys},
+                                          {"records", totals.records},
+                                          {"doubles", totals.doubles},
+                                          {"merged", totals.merged},
+                                          {"dropped", totals.dropped},
+                                          {"rejected", totals.rejected},
+                                          {"malformed", totals.malformed},
+                                          {"spool_bytes", bytesLeft}});
+    return printed == DONE ? code : printed;
 }
 
 }  // namespace

@@ -1,0 +1,16 @@
+// Small files that are replaced whole.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+// Replaces the file, or makes it: whoever reads it, now or after a power cut, finds the old text or the new one. False
+// with errno set when it could not be done; the old text is still there then.
+[[nodiscard]] bool ReplaceFile(std::string const& path, std::string_view text);
+
+// The whole file. None with errno set when it cannot be read; ENOENT when there is none.
+[[nodiscard]] std::optional<std::string> ReadFile(std::string const& path);
+
+// Makes the names in a directory durable. False with errno set on failure.
+[[nodiscard]] bool SyncDirectory(std::string const& path);
