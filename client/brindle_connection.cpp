@@ -1,8 +1,10 @@
 #include "brindle_connection.h"
 
 #include <fcntl.h>
+#include <linux/sockios.h>
 #include <netdb.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 
@@ -12,6 +14,7 @@
 #include <climits>
 #include <thread>
 
+#include "brindle_producers.h"
 #include "sutl_tcpsocket.h"
 
 namespace {
@@ -19,7 +22,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Milliseconds = brindle_Connection::Milliseconds;
 
-constexpr Milliseconds RETRY_PAUSE{20};  // between two tries to connect
+constexpr Milliseconds RETRY_PAUSE{20};      // between two tries to connect, or two looks at the queue
+constexpr Milliseconds PROGRESS_PAUSE{500};  // between two looks at what the other side has not taken
 
 bool ParsePort(std::string_view text, unsigned short& port) {
     auto const [end, error] = std::from_chars(text.begin(), text.end(), port);
@@ -36,6 +40,13 @@ brindle_Result WaitFor(int descriptor, short events, Clock::time_point deadline)
         if (ready == 0) return BRINDLE_TIMED_OUT;
         if (errno != EINTR) return BRINDLE_SYSTEM_ERROR;
     }
+}
+
+// Pauses, but only until the descriptor is readable; whether it is. -1 is none.
+bool IsStopped(int descriptor, Milliseconds pause) {
+    if (descriptor >= 0) return WaitFor(descriptor, POLLIN, Clock::now() + pause) == BRINDLE_DONE;
+    std::this_thread::sleep_for(pause);
+    return false;
 }
 
 // A port that nobody listens on, tried long enough, can be given to the trying socket itself.
@@ -75,7 +86,7 @@ sutl_Descriptor ConnectOnce(sockaddr_in const& address, Clock::time_point deadli
     return socket;
 }
 
-sutl_Descriptor ConnectBefore(in_addr host, unsigned short port, Clock::time_point deadline) {
+sutl_Descriptor ConnectBefore(in_addr host, unsigned short port, Clock::time_point deadline, int stopDescriptor) {
     sockaddr_in address = {};
     address.sin_family = AF_INET;
     address.sin_addr = host;
@@ -83,7 +94,10 @@ sutl_Descriptor ConnectBefore(in_addr host, unsigned short port, Clock::time_poi
     for (;;) {
         sutl_Descriptor socket = ConnectOnce(address, deadline);
         if (socket.IsOpen() || Clock::now() + RETRY_PAUSE > deadline) return socket;
-        std::this_thread::sleep_for(RETRY_PAUSE);
+        if (IsStopped(stopDescriptor, RETRY_PAUSE)) {
+            errno = ECANCELED;
+            return {};
+        }
     }
 }
 
@@ -115,21 +129,39 @@ brindle_Result brindle_FindHost(std::string const& host, in_addr& found) {
     return BRINDLE_DONE;
 }
 
-brindle_Result brindle_Connection::Open(brindle_Address const& address, Milliseconds wait) {
+brindle_Result brindle_Connection::Open(brindle_Address const& address, Milliseconds wait, int stopDescriptor) {
     Close();
     in_addr host = {};
     if (brindle_Result const found = brindle_FindHost(address.host, host); found != BRINDLE_DONE) return found;
     Clock::time_point const deadline = Clock::now() + wait;
-    first_ = ConnectBefore(host, address.firstPort, deadline);
-    if (first_.IsOpen()) second_ = ConnectBefore(host, address.secondPort, deadline);
+    first_ = ConnectBefore(host, address.firstPort, deadline, stopDescriptor);
+    if (first_.IsOpen()) second_ = ConnectBefore(host, address.secondPort, deadline, stopDescriptor);
     if (second_.IsOpen()) return BRINDLE_DONE;
+    int const error = errno;
     first_.Close();
-    return BRINDLE_TIMED_OUT;
+    errno = error;
+    return error == ECANCELED ? BRINDLE_STOPPED : BRINDLE_TIMED_OUT;
 }
 
 // The server never writes to the first connection: that it can be read means that it has ended.
 bool brindle_Connection::ServerLeft(Milliseconds wait) const {
     return WaitFor(first_.Get(), POLLIN, Clock::now() + wait) == BRINDLE_DONE;
+}
+
+bool brindle_Connection::StaysInQueue(Milliseconds wait, int stopDescriptor) const {
+    sockaddr_in own = {};
+    sockaddr_in peer = {};
+    socklen_t ownBytes = sizeof own;
+    socklen_t peerBytes = sizeof peer;
+    if (getsockname(first_.Get(), reinterpret_cast<sockaddr*>(&own), &ownBytes) != 0 ||
+        getpeername(first_.Get(), reinterpret_cast<sockaddr*>(&peer), &peerBytes) != 0) {
+        return false;
+    }
+    Clock::time_point const deadline = Clock::now() + wait;
+    while (brindle_IsQueued(own, peer)) {
+        if (Clock::now() > deadline || IsStopped(stopDescriptor, RETRY_PAUSE)) return true;
+    }
+    return false;
 }
 
 brindle_Result brindle_Connection::Send(brindle_Message& message) {
@@ -161,21 +193,34 @@ brindle_Result brindle_Connection::Receive(std::span<unsigned char const>& body,
     return BRINDLE_DONE;
 }
 
-brindle_Result brindle_Connection::Finish(Milliseconds wait) {
+brindle_Result brindle_Connection::Finish(Milliseconds stallMax) {
     if (ServerLeft(REFUSAL_WAIT)) {
         Close();
         return BRINDLE_STREAM_ENDED;
     }
-    Clock::time_point const deadline = Clock::now() + wait;
     brindle_Result result = shutdown(first_.Get(), SHUT_WR) == 0 ? BRINDLE_DONE : BRINDLE_SYSTEM_ERROR;
     char ignored[64];
     long got = 1;
+    int unsentBytes = -1;
+    Clock::time_point deadline = Clock::now() + stallMax;
     while (result == BRINDLE_DONE && got > 0) {
-        result = WaitFor(first_.Get(), POLLIN, deadline);
-        if (result == BRINDLE_DONE) got = sutl_ReadSome(first_.Get(), ignored, sizeof ignored);
+        // What still waits here becomes less while the other side takes something.
+        int waitingBytes = 0;
+        if (ioctl(first_.Get(), SIOCOUTQ, &waitingBytes) == 0 && waitingBytes != unsentBytes) {
+            unsentBytes = waitingBytes;
+            deadline = Clock::now() + stallMax;
+        }
+        result = WaitFor(first_.Get(), POLLIN, std::min(deadline, Clock::now() + PROGRESS_PAUSE));
+        if (result == BRINDLE_TIMED_OUT && Clock::now() < deadline) {
+            result = BRINDLE_DONE;
+        } else if (result == BRINDLE_DONE) {
+            got = sutl_ReadSome(first_.Get(), ignored, sizeof ignored);
+        }
     }
     if (got < 0) result = BRINDLE_SYSTEM_ERROR;
+    int const error = errno;
     Close();
+    errno = error;
     return result;
 }
 

@@ -34,8 +34,9 @@ class brindle_Connection {
     using Milliseconds = std::chrono::milliseconds;
 
     // Connects to the first port and, keeping it, to the second. A refused connect is tried again until the wait is
-    // over. TIMED_OUT (errno tells what the last try met) or UNKNOWN_HOST.
-    brindle_Result Open(brindle_Address const& address, Milliseconds wait);
+    // over. TIMED_OUT (errno tells what the last try met), UNKNOWN_HOST, or STOPPED as soon as the stop descriptor is
+    // readable (-1: none).
+    brindle_Result Open(brindle_Address const& address, Milliseconds wait, int stopDescriptor = -1);
     [[nodiscard]] bool IsOpen() const { return second_.IsOpen(); }
 
     // Sends the message as one frame. Blocks until the system has taken it; TIMED_OUT when the server takes nothing for
@@ -52,11 +53,17 @@ class brindle_Connection {
     // the wait.
     brindle_Result Receive(std::span<unsigned char const>& body, Milliseconds wait);
 
+    // Whether a server on this machine has not accepted the first connection when the wait is over, or the stop
+    // descriptor readable. Returns as soon as it has; false as well when nothing can be known.
+    [[nodiscard]] bool StaysInQueue(Milliseconds wait, int stopDescriptor = -1) const;
+    [[nodiscard]] bool ServerLeft() const { return ServerLeft(Milliseconds(0)); }  // it has closed; never blocks
+
     // The orderly end: says that nothing more comes, and waits until the server, having read everything, has closed the
     // first connection. Then closes both. STREAM_ENDED when the server was the first to close: a server that has died,
-    // or has refused the last frame, does so within REFUSAL_WAIT, which is listened for. TIMED_OUT after the wait;
-    // SYSTEM_ERROR when the server left with bytes unread. Nothing tells that the server has kept what it read.
-    brindle_Result Finish(Milliseconds wait);
+    // or has refused the last frame, does so within REFUSAL_WAIT, which is listened for. TIMED_OUT after a
+    // wait of this length in which the server's machine took nothing; SYSTEM_ERROR when it left with bytes unread.
+    // Nothing tells that the server has kept what it read.
+    brindle_Result Finish(Milliseconds stallMax);
 
     void Close();  // both, at once
 

@@ -22,30 +22,41 @@ bool Take(std::span<unsigned char const>& from, T& value) {
 
 }  // namespace
 
-void brindle_Message::Append4Byte(unsigned int value) {
-    bytes_.resize(bytes_.size() + sizeof value);
-    Store(bytes_.data() + bytes_.size() - sizeof value, value);
+unsigned char* brindle_Message::Extend(std::size_t bytes) {
+    std::size_t const before = bytes_.size();
+    bytes_.resize(before + bytes);
+    return bytes_.data() + before;
 }
 
-void brindle_Message::Append8Byte(unsigned long value) {
-    bytes_.resize(bytes_.size() + sizeof value);
-    Store(bytes_.data() + bytes_.size() - sizeof value, value);
-}
-
-void brindle_Message::AppendField(brindle_Value const& value) {
+unsigned char* brindle_StoreField(unsigned char* to, brindle_Value const& value) {
     switch (value.type) {
         case SUTS_INT32:
-            return Append4Byte(static_cast<unsigned int>(value.number));
+            Store(to, static_cast<unsigned int>(value.number));
+            return to + sizeof(unsigned int);
         case SUTS_INT64:
-            return Append8Byte(static_cast<unsigned long>(value.number));
+            Store(to, static_cast<unsigned long>(value.number));
+            return to + sizeof(unsigned long);
         case SUTS_FLOAT64:
-            return Append8Byte(std::bit_cast<unsigned long>(value.real));
-        case SUTS_STRING64:
-            Append4Byte(static_cast<unsigned int>(value.text.size() + 1));
-            bytes_.insert(bytes_.end(), value.text.begin(), value.text.end());
-            bytes_.push_back(0);
-            return;
+            Store(to, std::bit_cast<unsigned long>(value.real));
+            return to + sizeof(unsigned long);
+        case SUTS_STRING64: {
+            std::size_t const bytes = value.text.size();
+            Store(to, static_cast<unsigned int>(bytes + 1));
+            to += sizeof(unsigned int);
+            if (bytes > 0) memcpy(to, value.text.data(), bytes);
+            to[bytes] = 0;
+            return to + bytes + 1;
+        }
     }
+    return to;
+}
+
+void brindle_Message::Append4Byte(unsigned int value) { Store(Extend(sizeof value), value); }
+
+void brindle_Message::Append8Byte(unsigned long value) { Store(Extend(sizeof value), value); }
+
+void brindle_Message::AppendField(brindle_Value const& value) {
+    brindle_StoreField(Extend(brindle_FieldBytes(value)), value);
 }
 
 std::span<unsigned char const> brindle_Message::Frame() {

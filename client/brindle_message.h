@@ -8,6 +8,15 @@
 #include "brindle_value.h"
 #include "sutl_frame.h"
 
+// The size of a field on every wire.
+[[nodiscard]] inline std::size_t brindle_FieldBytes(brindle_Value const& value) {
+    if (value.type == SUTS_STRING64) return SUTS_STRING_LENGTH_BYTES + value.text.size() + 1;
+    return value.type == SUTS_INT32 ? SUTS_INT32_BYTES : SUTS_NUMBER8_BYTES;
+}
+
+// Writes the field to a place that has the room; returns the place behind it.
+unsigned char* brindle_StoreField(unsigned char* to, brindle_Value const& value);
+
 // A message being written. It stands behind the place of its own frame header, so that header and body leave in one
 // call and the network has no reason to cut between them. Keeps its memory from message to message. One thread at a
 // time; appending cannot fail.
@@ -19,6 +28,8 @@ class brindle_Message {
     void Append4Byte(unsigned int value);
     void Append8Byte(unsigned long value);
     void AppendField(brindle_Value const& value);  // copies a text
+    // Makes room behind the end, for so many bytes at once. Valid until the next change.
+    [[nodiscard]] unsigned char* Extend(std::size_t bytes);
 
     [[nodiscard]] std::size_t BodyBytes() const { return bytes_.size() - SUTL_FRAME_HEADER_BYTES; }
     [[nodiscard]] std::span<unsigned char const> Body() const {

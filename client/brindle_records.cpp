@@ -5,17 +5,6 @@
 
 namespace {
 
-std::size_t WireBytes(brindle_Value const& value) {
-    switch (value.type) {
-        case SUTS_INT32:
-            return SUTS_INT32_BYTES;
-        case SUTS_STRING64:
-            return SUTS_STRING_LENGTH_BYTES + value.text.size() + 1;
-        default:
-            return SUTS_NUMBER8_BYTES;
-    }
-}
-
 bool Fits(brindle_Value const& value, suts_FieldType type) {
     if (value.type != type) return false;
     if (type == SUTS_INT32) return value.number == static_cast<int>(value.number);
@@ -27,17 +16,17 @@ bool Fits(brindle_Value const& value, suts_FieldType type) {
 brindle_Result brindle_AppendRecord(brindle_Message& frame, suts_tsspec const& spec, long timeUs,
                                     std::span<brindle_Value const> values) {
     if (timeUs < 0 || values.size() != static_cast<std::size_t>(spec.fieldCount)) return BRINDLE_MALFORMED;
-    std::size_t bytes = frame.BodyBytes() + SUTS_NUMBER8_BYTES;
+    std::size_t bytes = SUTS_NUMBER8_BYTES;
     for (int i = 0; i < spec.fieldCount; ++i) {
         auto const& value = values[static_cast<std::size_t>(i)];
         if (!Fits(value, spec.Type(i))) return BRINDLE_MALFORMED;
-        bytes += WireBytes(value);
+        bytes += brindle_FieldBytes(value);
     }
-    if (bytes > INT_MAX) return BRINDLE_MALFORMED;
+    if (frame.BodyBytes() + bytes > INT_MAX) return BRINDLE_MALFORMED;
 
-    frame.AppendField(values[0]);
-    frame.Append8Byte(static_cast<unsigned long>(timeUs));
-    for (brindle_Value const& value : values.subspan(1)) frame.AppendField(value);
+    unsigned char* to = brindle_StoreField(frame.Extend(bytes), values[0]);
+    to = brindle_StoreField(to, brindle_Value::Number(SUTS_INT64, timeUs));
+    for (brindle_Value const& value : values.subspan(1)) to = brindle_StoreField(to, value);
     return BRINDLE_DONE;
 }
 

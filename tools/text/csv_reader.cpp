@@ -1,110 +1,184 @@
 #include "csv_reader.h"
 
-#include <poll.h>
-
-#include "sutl_descriptor.h"
+#include <algorithm>
+#include <cstring>
 
 namespace {
 
-constexpr std::size_t READ_BYTES = 64UL * 1024;
 constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
 
-// Whether a read would return at once. A source that cannot be polled is taken as ready.
-bool IsReady(int descriptor) {
-    pollfd waited = {descriptor, POLLIN, 0};
-    return poll(&waited, 1, 0) != 0;
+char const* Find(char const* from, char const* end, char wanted) {
+    auto const* const found = static_cast<char const*>(memchr(from, wanted, static_cast<std::size_t>(end - from)));
+    return found == nullptr ? end : found;
 }
 
 }  // namespace
 
-CsvReader::Result CsvReader::Next(std::vector<std::string_view>& values) {
+RowResult CsvReader::Next(std::vector<std::string_view>& values) {
     for (;;) {
-        bool const wholeRow = FindRowEnd();
-        line_ = linesPassed_ + 1;
-        if (!wholeRow && scanned_ - passed_ > ROW_BYTES_MAX)
-            return Break("is longer than 64 MiB; is a quote left open?");
-        if (!wholeRow && !sourceEnded_) {
-            Result const refilled = Refill();
-            if (refilled != ROW) return refilled;
-            continue;
+        // The mark is no part of the first row; it comes in the first bytes or not at all.
+        if (buffer_.Offset() == 0 && buffer_.Held().starts_with(BYTE_ORDER_MARK)) {
+            buffer_.Pass(BYTE_ORDER_MARK.size());
+            scanned_ = 0;
+            state_ = AT_VALUE;
         }
-        if (passed_ == buffer_.size()) return END;
-        if (inQuotes_) return Break("ends inside a quoted value");
-
-        std::size_t start = passed_;
-        std::size_t end = scanned_;
-        bool const isFirst = linesPassed_ == 0;
-        passed_ = scanned_;
-        linesPassed_ += linesScanned_;
-        linesScanned_ = 0;
-        std::string_view const row = std::string_view(buffer_).substr(start, end - start);
-        if (isFirst && row.starts_with(BYTE_ORDER_MARK)) start += BYTE_ORDER_MARK.size();
-        if (end > start && buffer_[end - 1] == '\n') --end;
-        if (end > start && buffer_[end - 1] == '\r') --end;
-        if (end > start) return Split(start, end, values);
+        line_ = nextLine_;
+        if (!FindRowEnd()) {
+            raw_ = buffer_.Held().substr(0, scanned_);
+            if (scanned_ > RowBuffer::ROW_BYTES_MAX) {
+                problem_ = "is longer than 64 MiB; is a quote left open?";
+                return RowResult::CORRUPT;
+            }
+            if (!buffer_.Ended()) {
+                switch (buffer_.Fill()) {
+                    case ByteSource::BYTES:
+                    case ByteSource::END:
+                        continue;
+                    case ByteSource::WAITING:
+                        return RowResult::WAITING;
+                    case ByteSource::CORRUPT:
+                        problem_ = buffer_.Problem();
+                        return RowResult::CORRUPT;
+                    case ByteSource::FAILED:
+                        return RowResult::READ_ERROR;
+                }
+            }
+            if (scanned_ == 0) return RowResult::END;
+        }
+        bool const isOpen = state_ == IN_QUOTES;
+        raw_ = buffer_.Held().substr(0, scanned_);
+        if (hasQuotes_) {
+            nextLine_ += static_cast<unsigned long>(std::count(raw_.begin(), raw_.end(), '\n'));
+        } else if (raw_.back() == '\n') {
+            ++nextLine_;
+        }
+        if (raw_.back() == '\n' && !isOpen) raw_.remove_suffix(1);
+        if (!raw_.empty() && raw_.back() == '\r') raw_.remove_suffix(1);
+        bool const isEmpty = raw_.empty();
+        RowResult const result = isOpen    ? Break("ends inside a quoted value")
+                                 : isEmpty ? RowResult::WAITING
+                                           : Split(values);
+        // Passing on leaves the bytes where they are: the values stay valid until the next read.
+        buffer_.Pass(scanned_);
+        scanned_ = 0;
+        state_ = AT_VALUE;
+        hasQuotes_ = false;
+        if (!isEmpty) return result;
     }
 }
 
 bool CsvReader::FindRowEnd() {
-    while (scanned_ < buffer_.size()) {
-        char const c = buffer_[scanned_++];
-        // A doubled quote leaves the quotes and enters them again, which comes to the same.
-        if (c == '"') inQuotes_ = !inQuotes_;
-        if (c != '\n') continue;
-        ++linesScanned_;
-        if (!inQuotes_) return true;
+    std::string_view const held = buffer_.Held();
+    if (held.empty()) return false;
+    char const* const start = held.data();
+    char const* const end = start + held.size();
+    char const* at = start + scanned_;
+    if (scanned_ == 0) {
+        // Most rows have no quotes, and then their first line end is their end.
+        char const* const lineEnd = Find(start, end, '\n');
+        if (lineEnd != end && Find(start, lineEnd, '"') == lineEnd) {
+            scanned_ = static_cast<std::size_t>(lineEnd - start) + 1;
+            return true;
+        }
     }
+    while (at < end) {
+        char const c = *at;
+        switch (state_) {
+            case IN_QUOTES:
+                at = Find(at, end, '"');
+                if (at == end) continue;
+                state_ = BEHIND_QUOTE;
+                break;
+            case BEHIND_QUOTE:
+            case AT_VALUE:
+                if (c == '"') {
+                    state_ = IN_QUOTES;
+                    hasQuotes_ = true;
+                    break;
+                }
+                [[fallthrough]];
+            case IN_PLAIN:
+                state_ = c == delimiter_ || c == '\n' ? AT_VALUE : IN_PLAIN;
+                break;
+        }
+        ++at;
+        if (c == '\n' && state_ == AT_VALUE) {
+            scanned_ = static_cast<std::size_t>(at - start);
+            return true;
+        }
+    }
+    scanned_ = held.size();
     return false;
 }
 
-CsvReader::Result CsvReader::Split(std::size_t start, std::size_t end, std::vector<std::string_view>& values) {
+RowResult CsvReader::Split(std::vector<std::string_view>& values) {
     values.clear();
-    char* const bytes = buffer_.data();
-    for (std::size_t at = start;; ++at) {
-        std::size_t const first = at;
-        std::size_t past = first;  // one past the value's last byte
-        if (at < end && bytes[at] == '"') {
-            // The value moves down over its quotes.
-            for (++at;; ++at) {
+    char const* at = raw_.data();
+    char const* const end = at + raw_.size();
+    bool const mayQuote = Find(at, end, '"') != end;
+    if (!mayQuote) {
+        for (;;) {
+            char const* const past = Find(at, end, delimiter_);
+            values.emplace_back(at, past - at);
+            if (past == end) return RowResult::ROW;
+            at = past + 1;
+        }
+    }
+    // Room for all of the row, so that values before stay where they are.
+    unquoted_.clear();
+    unquoted_.reserve(raw_.size());
+    for (;;) {
+        if (at < end && *at == '"') {
+            char const* first = ++at;
+            std::size_t const copied = unquoted_.size();
+            bool isCopy = false;
+            for (;;) {
+                at = Find(at, end, '"');
                 if (at == end) return Break("ends inside a quoted value");
-                if (bytes[at] == '"') {
-                    if (at + 1 == end || bytes[at + 1] != '"') break;
-                    ++at;
-                }
-                bytes[past++] = bytes[at];
+                if (at + 1 == end || at[1] != '"') break;
+                unquoted_.append(first, at + 1);
+                isCopy = true;
+                at += 2;
+                first = at;
+            }
+            if (isCopy) {
+                unquoted_.append(first, at);
+                values.push_back(std::string_view(unquoted_).substr(copied));
+            } else {
+                values.emplace_back(first, at - first);
             }
             ++at;
-            if (at < end && bytes[at] != ',') return Break("has text behind the closing quote of a value");
+            if (at < end && *at != delimiter_) return Break("has text behind the closing quote of a value");
         } else {
-            for (; at < end && bytes[at] != ','; ++at) {
-                if (bytes[at] == '"') return Break("has a quote inside a value that is not quoted");
-            }
-            past = at;
+            char const* const past = Find(at, end, delimiter_);
+            if (Find(at, past, '"') != past) return Break("has a quote inside a value that is not quoted");
+            values.emplace_back(at, past - at);
+            at = past;
         }
-        values.emplace_back(bytes + first, past - first);
-        if (at == end) return ROW;
+        if (at == end) return RowResult::ROW;
+        ++at;
     }
 }
 
-CsvReader::Result CsvReader::Refill() {
-    if (!waitAnnounced_ && !IsReady(descriptor_)) {
-        waitAnnounced_ = true;
-        return WAITING;
-    }
-    waitAnnounced_ = false;
-    buffer_.erase(0, passed_);
-    scanned_ -= passed_;
-    passed_ = 0;
-    std::size_t const held = buffer_.size();
-    buffer_.resize(held + READ_BYTES);
-    long const got = sutl_ReadSome(descriptor_, buffer_.data() + held, READ_BYTES);
-    buffer_.resize(held + static_cast<std::size_t>(got > 0 ? got : 0));
-    if (got < 0) return READ_ERROR;
-    sourceEnded_ = got == 0;
-    return ROW;
-}
-
-CsvReader::Result CsvReader::Break(char const* problem) {
+RowResult CsvReader::Break(char const* problem) {
     problem_ = problem;
-    return BROKEN;
+    return RowResult::BROKEN;
+}
+
+void CsvReader::StartAt(unsigned long offset, unsigned long line) {
+    buffer_.StartAt(offset);
+    scanned_ = 0;
+    state_ = AT_VALUE;
+    hasQuotes_ = false;
+    nextLine_ = line;
+}
+
+bool CsvReader::SkipTo(unsigned long offset, unsigned long line) {
+    while (buffer_.Offset() < offset) {
+        buffer_.Pass(std::min<std::size_t>(buffer_.Held().size(), offset - buffer_.Offset()));
+        if (buffer_.Offset() < offset && buffer_.Fill() != ByteSource::BYTES) return false;
+    }
+    scanned_ = 0;
+    nextLine_ = line;
+    return true;
 }

@@ -2,49 +2,49 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
 
-// Reads rows as RFC 4180 has them: values in double quotes may hold commas, line ends and doubled quotes; lines end in
-// LF or CRLF, the last one perhaps in neither. A byte order mark at the start is skipped, and so are empty lines.
-// Reads from a descriptor that belongs to the caller. Memory grows with the longest row. One thread at a time.
+#include "row_buffer.h"
+
+// Reads rows as RFC 4180 has them: values in double quotes may hold delimiters, line ends and doubled quotes; lines end
+// in LF or CRLF, the last one perhaps in neither. A byte order mark at the start is skipped, and so are empty lines.
+// The source must outlive it. One thread at a time.
 class CsvReader {
  public:
-    enum Result {
-        ROW,
-        WAITING,    // no whole row is there and the source has nothing right now; the next call waits for it
-        END,        // of the data
-        BROKEN,     // the row that begins in Line() is no CSV; Problem() tells why
-        READ_ERROR  // errno tells why
-    };
+    explicit CsvReader(ByteSource& source, char delimiter = ',') : buffer_(source), delimiter_(delimiter) {}
 
-    static constexpr std::size_t ROW_BYTES_MAX = 64UL * 1024 * 1024;  // a longer row is taken for a quote left open
+    // Reads the next row; the values are valid until the next call. Never blocks.
+    [[nodiscard]] RowResult Next(std::vector<std::string_view>& values);
 
-    explicit CsvReader(int descriptor) : descriptor_(descriptor) {}
-
-    // Reads the next row; the values are valid until the next call. Blocks only in the call that follows WAITING. After
-    // anything but ROW and WAITING there is nothing more to read.
-    [[nodiscard]] Result Next(std::vector<std::string_view>& values);
-
-    [[nodiscard]] unsigned long Line() const { return line_; }  // in which the last row begins, from 1
+    [[nodiscard]] unsigned long Line() const { return line_; }   // in which the last row begins, from 1
+    [[nodiscard]] std::string_view Raw() const { return raw_; }  // that row as it stands, without its line end
     [[nodiscard]] char const* Problem() const { return problem_; }
+    [[nodiscard]] unsigned long NextLine() const { return nextLine_; }           // in which the next row begins
+    [[nodiscard]] unsigned long NextOffset() const { return buffer_.Offset(); }  // at which the next row begins
+
+    // The source was moved to the start of a row.
+    void StartAt(unsigned long offset, unsigned long line);
+    // Passes over everything before a row. False when the source ends, fails or waits before.
+    [[nodiscard]] bool SkipTo(unsigned long offset, unsigned long line);
 
  private:
-    [[nodiscard]] bool FindRowEnd();  // false when it is not in the buffer yet
-    [[nodiscard]] Result Split(std::size_t start, std::size_t end, std::vector<std::string_view>& values);
-    [[nodiscard]] Result Refill();  // ROW when the buffer or the knowledge of the source's end has grown
-    Result Break(char const* problem);
+    enum State : std::uint8_t { AT_VALUE, IN_PLAIN, IN_QUOTES, BEHIND_QUOTE };
 
-    int const descriptor_;
-    std::string buffer_;              // bytes read
-    std::size_t passed_ = 0;          // of these, handed out
-    std::size_t scanned_ = 0;         // up to here the next row's end was looked for
-    bool inQuotes_ = false;           // whether that place is within quotes
-    bool waitAnnounced_ = false;      // the caller knows that the next read may block
-    bool sourceEnded_ = false;        // nothing more comes
-    unsigned long line_ = 0;          // in which the row handed out begins
-    unsigned long linesPassed_ = 0;   // line ends before passed_
-    unsigned long linesScanned_ = 0;  // line ends between passed_ and scanned_
+    [[nodiscard]] bool FindRowEnd();  // false when it is not in the buffer yet
+    [[nodiscard]] RowResult Split(std::vector<std::string_view>& values);
+    RowResult Break(char const* problem);
+
+    RowBuffer buffer_;
+    char const delimiter_;
+    std::size_t scanned_ = 0;  // up to here the next row's end was looked for
+    State state_ = AT_VALUE;   // of that place
+    bool hasQuotes_ = false;   // whether there are any before it
+    std::string unquoted_;     // values of the last row that held doubled quotes
+    std::string_view raw_;
+    unsigned long line_ = 0;
+    unsigned long nextLine_ = 1;
     char const* problem_ = "";
 };

@@ -3,6 +3,7 @@
 #include <date/date.h>
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <charconv>
 #include <chrono>
 #include <iterator>
@@ -10,6 +11,13 @@
 namespace {
 
 using std::chrono::microseconds;
+
+bool IsDigit(char c) { return c >= '0' && c <= '9'; }
+
+bool IsWholeNumber(std::string_view text) {
+    if (text.starts_with('-')) text.remove_prefix(1);
+    return std::all_of(text.begin(), text.end(), IsDigit);
+}
 
 // Takes a text from its start, piece by piece. Each function takes nothing where it returns false.
 class Cursor {
@@ -19,15 +27,23 @@ class Cursor {
     [[nodiscard]] bool AtEnd() const { return left_.empty(); }
 
     bool TakeAnyOf(std::string_view characters) {
-        if (left_.empty() || characters.find(left_.front()) == std::string_view::npos) return false;
-        left_.remove_prefix(1);
-        return true;
+        for (char const c : characters) {
+            if (left_.empty() || left_.front() != c) continue;
+            left_.remove_prefix(1);
+            return true;
+        }
+        return false;
     }
 
     // Exactly so many digits.
     bool TakeNumber(std::size_t digits, int& value) {
-        if (left_.size() < digits || DigitsAhead() < digits) return false;
-        std::from_chars(left_.data(), left_.data() + digits, value);
+        if (left_.size() < digits) return false;
+        int number = 0;
+        for (std::size_t i = 0; i < digits; ++i) {
+            if (!IsDigit(left_[i])) return false;
+            number = 10 * number + (left_[i] - '0');
+        }
+        value = number;
         left_.remove_prefix(digits);
         return true;
     }
@@ -44,7 +60,9 @@ class Cursor {
 
  private:
     [[nodiscard]] std::size_t DigitsAhead() const {
-        return std::min(left_.find_first_not_of("0123456789"), left_.size());
+        std::size_t digits = 0;
+        while (digits < left_.size() && IsDigit(left_[digits])) ++digits;
+        return digits;
     }
 
     std::string_view left_;
@@ -102,17 +120,28 @@ bool TakeOffset(Cursor& cursor, microseconds& ahead) {
 }  // namespace
 
 bool ParseTime(std::string_view text, long& timeUs) {
-    if (!text.empty() && text.find_first_not_of("0123456789", text.front() == '-' ? 1 : 0) == std::string_view::npos) {
+    if (IsWholeNumber(text)) {
         auto const [end, error] = std::from_chars(text.begin(), text.end(), timeUs);
         return error == std::errc() && end == text.end();
     }
+    bool saysOffset = false;
+    return ParseIsoTime(text, timeUs, saysOffset);
+}
+
+bool ParseIsoTime(std::string_view text, long& timeUs, bool& saysOffset) {
     Cursor cursor(text);
     date::sys_days day;
     microseconds time{0};
     microseconds ahead{0};
     if (!TakeDate(cursor, day)) return false;
-    if (cursor.TakeAnyOf("Tt ") && (!TakeTimeOfDay(cursor, time) || !TakeOffset(cursor, ahead))) return false;
+    bool hasOffset = false;
+    if (cursor.TakeAnyOf("Tt ")) {
+        if (!TakeTimeOfDay(cursor, time)) return false;
+        hasOffset = !cursor.AtEnd();
+        if (!TakeOffset(cursor, ahead)) return false;
+    }
     if (!cursor.AtEnd()) return false;
+    saysOffset = hasOffset;
     timeUs = microseconds(day.time_since_epoch() + time - ahead).count();
     return true;
 }

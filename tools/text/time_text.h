@@ -10,5 +10,9 @@
 // unchanged, for anything else, a day that the calendar does not have included. A time before 1970 is negative.
 [[nodiscard]] bool ParseTime(std::string_view text, long& timeUs);
 
+// Reads a time in ISO 8601 alone. `saysOffset` tells whether it has a Z or an offset; where it has not, it was taken
+// for UTC. False, and nothing changed, for anything else.
+[[nodiscard]] bool ParseIsoTime(std::string_view text, long& timeUs, bool& saysOffset);
+
 // Appends the time as ISO 8601 in UTC, with a fraction of six digits if it has one.
 void AppendIsoTime(std::string& out, long timeUs);
