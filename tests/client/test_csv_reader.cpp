@@ -1,27 +1,26 @@
 #include "csv_reader.h"
 
 #include "../foundation/test_support.h"
-#include "sutl_descriptor.h"
+#include "pieces.h"
 
 namespace {
 
 using Row = std::vector<std::string>;
 
-// The rows of a text, each behind its line number, and at the end what the reader said of a broken row.
-std::vector<Row> ReadAll(std::string_view text) {
-    auto [reading, writing] = test::Pipe();
-    EXPECT_EQ(sutl_FileWrite(writing.Get(), text.data(), text.size()), static_cast<long>(text.size()));
-    writing.Close();
-    CsvReader reader(reading.Get());
+// The rows of a text, each behind its line number, or behind that what the reader said of a broken one.
+std::vector<Row> ReadAll(std::string_view text, std::size_t pieceBytes, char delimiter) {
+    Pieces source(text, pieceBytes);
+    CsvReader reader(source, delimiter);
     std::vector<Row> rows;
     std::vector<std::string_view> values;
-    CsvReader::Result result;
-    while ((result = reader.Next(values)) == CsvReader::WAITING || result == CsvReader::ROW) {
-        if (result == CsvReader::WAITING) continue;
+    RowResult result;
+    while ((result = reader.Next(values)) != RowResult::END) {
+        if (result == RowResult::WAITING) continue;
         rows.push_back({std::to_string(reader.Line())});
-        rows.back().insert(rows.back().end(), values.begin(), values.end());
+        if (result == RowResult::ROW) rows.back().insert(rows.back().end(), values.begin(), values.end());
+        if (result == RowResult::BROKEN) rows.back().insert(rows.back().end(), {"BROKEN", reader.Problem()});
     }
-    if (result != CsvReader::END) rows.push_back({std::to_string(reader.Line()), "BROKEN", reader.Problem()});
+    EXPECT_EQ(reader.NextOffset(), text.size());
     return rows;
 }
 
@@ -30,6 +29,7 @@ TEST(CsvReader, TakesRowsApart) {
         char const* what;
         char const* text;
         std::vector<Row> rows;
+        char delimiter = ',';
     } const cases[] = {
         {"only line ends", "\n\r\n\n", {}},
         {"both line ends, and none at last", "a,b\nc,d\r\ne,f", {{"1", "a", "b"}, {"2", "c", "d"}, {"3", "e", "f"}}},
@@ -39,10 +39,19 @@ TEST(CsvReader, TakesRowsApart) {
         {"line ends in quotes", "\"a\r\nb\",c\nd\n", {{"1", "a\r\nb", "c"}, {"3", "d"}}},
         {"byte order mark", "\xEF\xBB\xBF\"a\",b\n\xEF\xBB\xBFz\n", {{"1", "a", "b"}, {"2", "\xEF\xBB\xBFz"}}},
         {"open quote at the end", "a\n\"b\nc", {{"1", "a"}, {"2", "BROKEN", "ends inside a quoted value"}}},
-        {"text behind a quote", "\"a\"b\n", {{"1", "BROKEN", "has text behind the closing quote of a value"}}},
-        {"a quote inside", "a\"\"b\n", {{"1", "BROKEN", "has a quote inside a value that is not quoted"}}},
+        {"text behind a quote",
+         "\"a\"b\nc\n",
+         {{"1", "BROKEN", "has text behind the closing quote of a value"}, {"2", "c"}}},
+        {"a quote inside",
+         "x,a\"b\n\"c\nd\"\n",
+         {{"1", "BROKEN", "has a quote inside a value that is not quoted"}, {"2", "c\nd"}}},
+        {"another delimiter", "a;b,c\n\"d;\";e\n", {{"1", "a", "b,c"}, {"2", "d;", "e"}}, ';'},
     };
-    for (auto const& row : cases) { EXPECT_EQ(ReadAll(row.text), row.rows) << row.what; }
+    for (auto const& row : cases) {
+        for (std::size_t const pieceBytes : {1UL, 3UL, 4096UL}) {
+            EXPECT_EQ(ReadAll(row.text, pieceBytes, row.delimiter), row.rows) << row.what << " by " << pieceBytes;
+        }
+    }
 }
 
 }  // namespace

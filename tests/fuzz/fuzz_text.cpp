@@ -1,10 +1,12 @@
-// The sender's input: rows of comma separated values, and values and times as text.
+// The sender's input: rows of comma separated values, JSON lines, and values and times as text.
 #include <bit>
 #include <charconv>
 
+#include "../client/pieces.h"
 #include "brindle_message.h"
 #include "csv_reader.h"
 #include "fuzz.h"
+#include "json_line_reader.h"
 #include "time_text.h"
 #include "value_text.h"
 
@@ -14,40 +16,71 @@ namespace {
 
 struct Rows {
     std::vector<std::vector<std::string>> rows;
-    CsvReader::Result end;
-    unsigned long line;  // where it was found
+    unsigned long lines;  // that were passed
 
     bool operator==(Rows const&) const = default;
 };
 
+// A row that is broken becomes what was said of it.
 Rows ReadCsv(std::string_view text, std::size_t pieceBytes) {
-    auto [readEnd, writeEnd] = test::Pipe();
-    CsvReader reader(readEnd.Get());
+    Pieces source(text, pieceBytes);
+    CsvReader reader(source);
     std::vector<std::string_view> values;
     Rows read = {};
-    for (;;) {
-        CsvReader::Result const result = reader.Next(values);
-        if (result == CsvReader::WAITING) {
-            std::string_view const piece = text.substr(0, pieceBytes);
-            sutl_FileWrite(writeEnd.Get(), piece.data(), piece.size());
-            text.remove_prefix(piece.size());
-            if (text.empty()) writeEnd.Close();
-        } else if (result == CsvReader::ROW) {
+    for (unsigned long lastLine = 0;;) {
+        RowResult const result = reader.Next(values);
+        if (result == RowResult::WAITING) continue;
+        if (result == RowResult::END) break;
+        Require(reader.Line() > lastLine, "lines count up");
+        lastLine = reader.Line();
+        if (result == RowResult::ROW) {
             read.rows.emplace_back(values.begin(), values.end());
-            Require(reader.Line() > read.line, "lines count up");
-            read.line = reader.Line();
         } else {
-            read.end = result;
-            read.line = reader.Line();
-            return read;
+            read.rows.push_back({std::string(reader.Raw()), reader.Problem()});
         }
     }
+    Require(reader.NextOffset() == text.size(), "every byte is passed");
+    read.lines = reader.NextLine();
+    return read;
+}
+
+// The members of every line; a line that is none becomes what was said of it.
+Rows ReadJson(std::string_view text, std::size_t pieceBytes) {
+    Pieces source(text, pieceBytes);
+    JsonLineReader reader(source);
+    std::vector<JsonMember> members;
+    Rows read = {};
+    for (;;) {
+        RowResult const result = reader.Next(members);
+        if (result == RowResult::WAITING) continue;
+        if (result == RowResult::END) break;
+        auto& row = read.rows.emplace_back();
+        if (result == RowResult::BROKEN) row = {reader.Problem()};
+        if (result != RowResult::ROW) continue;
+        for (JsonMember const& member : members) {
+            row.emplace_back(member.name);
+            row.emplace_back(member.text);
+            if (!member.isString || member.kind == JsonMember::NESTED) continue;
+            std::string json;
+            AppendJson(json += "{\"x\":", member.text);
+            json += '}';
+            Pieces again(json);
+            JsonLineReader second(again);
+            std::vector<JsonMember> copy;
+            while (second.Next(copy) == RowResult::WAITING) {}
+            Require(copy.size() == 1 && copy[0].text == member.text, "a text that is written is read back");
+        }
+    }
+    Require(reader.NextOffset() == text.size(), "every byte is passed");
+    read.lines = reader.NextLine();
+    return read;
 }
 
 void CheckCsv(std::string_view text, std::size_t pieceBytes) {
     constexpr std::size_t WHOLE_BYTES = 4096;
     Rows const read = ReadCsv(text, pieceBytes);
     Require(read == ReadCsv(text, WHOLE_BYTES), "rows do not depend on the pieces they come in");
+    Require(ReadJson(text, pieceBytes) == ReadJson(text, WHOLE_BYTES), "nor do lines");
     std::string written;
     for (auto const& row : read.rows) {
         // A number leads, as a time does: an empty value alone would be an empty line.
@@ -57,7 +90,7 @@ void CheckCsv(std::string_view text, std::size_t pieceBytes) {
     }
     Rows again = ReadCsv(written, WHOLE_BYTES);
     for (auto& row : again.rows) row.erase(row.begin());
-    Require(again.end == CsvReader::END && again.rows == read.rows, "rows that are written are read back");
+    Require(again.rows == read.rows, "rows that are written are read back");
 }
 
 bool Same(brindle_Value const& a, brindle_Value const& b) {

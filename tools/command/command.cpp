@@ -257,7 +257,10 @@ bool Command::HasColor(int descriptor) const {
 void Command::Print(std::string const& line, Kind kind) const {
     static constexpr char const* STARTS[] = {"", "\033[33m", "\033[31m"};
     bool const isColored = kind != PLAIN && HasColor(STDERR_FILENO);
+    // One command may stand within another.
+    CLI::App const* const parent = app_->get_parent();
+    std::string const within = parent != nullptr && parent->get_parent() != nullptr ? parent->get_name() + ' ' : "";
     // In one write, so that the lines of two threads stay apart.
-    fmt::print(stderr, "{}brindlectl {}:{} {}\n", isColored ? STARTS[kind] : "", app_->get_name(),
+    fmt::print(stderr, "{}brindlectl {}{}:{} {}\n", isColored ? STARTS[kind] : "", within, app_->get_name(),
                isColored ? "\033[0m" : "", line);
 }

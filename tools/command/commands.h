@@ -6,6 +6,7 @@
 #include "command.h"
 
 std::unique_ptr<Command> MakeSendCommand();
+std::unique_ptr<Command> MakeSchemaCommand();
 std::unique_ptr<Command> MakeSinkCommand();
 std::unique_ptr<Command> MakeQueryCommand();
 std::unique_ptr<Command> MakeDumpCommand();

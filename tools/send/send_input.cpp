@@ -14,7 +14,15 @@ namespace {
 constexpr std::size_t NOT_WANTED = static_cast<std::size_t>(-1);
 constexpr std::string_view PACKINGS[] = {".gz", ".zst", ".gzip", ".zstd"};
 
-std::string FormatOf(std::string_view path, std::string const& chosen) {
+std::string AbsolutePath(std::string const& path) {
+    std::error_code error;
+    std::filesystem::path const absolute = std::filesystem::absolute(path, error);
+    return path == "-" || error ? path : absolute.lexically_normal().string();
+}
+
+}  // namespace
+
+std::string FormatOfPath(std::string_view path, std::string const& chosen) {
     if (!chosen.empty()) return chosen;
     for (std::string_view const ending : PACKINGS) {
         if (path.ends_with(ending)) path.remove_suffix(ending.size());
@@ -23,14 +31,6 @@ std::string FormatOf(std::string_view path, std::string const& chosen) {
     if (path.ends_with(".jsonl") || path.ends_with(".ndjson")) return "jsonl";
     return "csv";
 }
-
-std::string AbsolutePath(std::string const& path) {
-    std::error_code error;
-    std::filesystem::path const absolute = std::filesystem::absolute(path, error);
-    return path == "-" || error ? path : absolute.lexically_normal().string();
-}
-
-}  // namespace
 
 SendInput::Result SendInput::Next() {
     if (!isOpen_) {
@@ -52,7 +52,7 @@ SendInput::Result SendInput::OpenNext() {
     if (!bytes_->Open(path, IsFollowed())) {
         return Fail(BAD_FILE, fmt::format("{}: cannot be opened: {}", name_, strerror(errno)));
     }
-    std::string const format = FormatOf(path, options_.format);
+    std::string const format = FormatOfPath(path, options_.format);
     delimiter_ = format == "tsv" ? '\t' : options_.delimiter;
     if (format == "jsonl") {
         json_ = std::make_unique<JsonLineReader>(*bytes_);

@@ -22,6 +22,9 @@ struct Cell {
     Kind kind;
 };
 
+// The format of a file: the chosen one or, by the ending of its path, csv, tsv or jsonl.
+[[nodiscard]] std::string FormatOfPath(std::string_view path, std::string const& chosen);
+
 // Reads files one after the other and finds the wanted columns of each by name: by the first row, or the names of the
 // members in JSON lines. One thread at a time; never blocks.
 class SendInput {
