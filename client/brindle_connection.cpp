@@ -170,7 +170,7 @@ brindle_Result brindle_Connection::Send(brindle_Message& message) {
 }
 
 brindle_Result brindle_Connection::SendFrame(std::span<unsigned char const> left) {
-    if (HasEnded()) return BRINDLE_STREAM_ENDED;
+    if (ServerLeft()) return BRINDLE_STREAM_ENDED;
     while (!left.empty()) {
         // The mark at the end makes the system begin a new segment with the next header, so that none is ever cut.
         ssize_t const sent = send(first_.Get(), left.data(), left.size(), MSG_NOSIGNAL | MSG_EOR);

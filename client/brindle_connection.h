@@ -46,9 +46,6 @@ class brindle_Connection {
     // The same for a frame as brindle_Message::Frame gives it.
     brindle_Result SendFrame(std::span<unsigned char const> frame);
 
-    // Whether the server has closed the conversation. Never blocks.
-    [[nodiscard]] bool HasEnded() const { return ServerLeft(Milliseconds(0)); }
-
     // Receives the next frame of the second connection; the body is valid until the next call. Blocks, TIMED_OUT after
     // the wait.
     brindle_Result Receive(std::span<unsigned char const>& body, Milliseconds wait);

@@ -18,6 +18,7 @@ VERBS = {
     "faults": ("POINTS", "system calls that fail, fall short or are interrupted; full and read-only disks"),
     "clock": ("RECORDS", "event time that jumps, stands still, runs backwards or is out of range"),
     "peers": ("ROUNDS", "producers, consumers and query clients that misbehave"),
+    "exact": ("ROUNDS", "kill -9 of sender, server and sink, and every record is once in the table"),
     "soak": ("MINUTES", "steady load with memory, descriptors and disk watched"),
 }
 

@@ -209,6 +209,15 @@ ExitCode Command::LoadSpec(suts_tsspec& spec) const {
     return DONE;
 }
 
+ExitCode Command::FindSequenceField(suts_tsspec const& spec, std::string const& name, int& field) const {
+    for (int i = 1; i < spec.fieldCount; ++i) {
+        if (name != spec.fieldNames[static_cast<std::size_t>(i)].get() || spec.Type(i) != SUTS_INT64) continue;
+        field = i;
+        return DONE;
+    }
+    return Fail(BAD_CONFIGURATION, "--sequence {}: the schema has no int64 field of this name behind the key", name);
+}
+
 ExitCode Command::CheckColumns(suts_tsspec const& spec, std::vector<std::string> names) const {
     for (int i = 0; i < spec.fieldCount; ++i) names.emplace_back(spec.fieldNames[static_cast<std::size_t>(i)].get());
     std::sort(names.begin(), names.end());

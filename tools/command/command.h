@@ -72,6 +72,8 @@ class Command {
 
     // Loads the schema and checks that records can be made of it. DONE, or BAD_CONFIGURATION, said.
     [[nodiscard]] ExitCode LoadSpec(suts_tsspec& spec) const;
+    // Finds the int64 field for numbers of records. DONE, or BAD_CONFIGURATION, said.
+    [[nodiscard]] ExitCode FindSequenceField(suts_tsspec const& spec, std::string const& name, int& field) const;
     // Checks that the columns of an output differ in their names. DONE, or USAGE, said.
     [[nodiscard]] ExitCode CheckColumns(suts_tsspec const& spec, std::vector<std::string> names) const;
     [[nodiscard]] ExitCode OpenOutput(RecordOutput& output) const;

@@ -29,6 +29,7 @@ class Delivery {
     // Where the records are numbered: the number of the next record, which is used up by this call. A heartbeat has
     // the number 0.
     [[nodiscard]] virtual long TakeNumber() = 0;
+    virtual void ReturnNumber() = 0;  // the number taken last, of a record that came to nothing
 
     [[nodiscard]] virtual bool IsConnected() const = 0;
 };

@@ -12,10 +12,12 @@
 #include "commands.h"
 #include "direct_delivery.h"
 #include "key_set.h"
+#include "numbers.h"
 #include "progress.h"
 #include "rejects_file.h"
 #include "row_check.h"
 #include "send_input.h"
+#include "spooled_delivery.h"
 #include "stop_signals.h"
 #include "time_text.h"
 #include "value_text.h"
@@ -62,6 +64,7 @@ class NoDelivery : public Delivery {
     [[nodiscard]] ExitCode Idle() override { return DONE; }
     [[nodiscard]] ExitCode Finish() override { return DONE; }
     [[nodiscard]] long TakeNumber() override { return ++number_; }
+    void ReturnNumber() override { --number_; }
     [[nodiscard]] bool IsConnected() const override { return true; }
 
  private:
@@ -78,7 +81,8 @@ class SendCommand : public Command {
     [[nodiscard]] ExitCode ReadFieldOptions(RowCheck::Options& options);
     [[nodiscard]] ExitCode ReadHeartbeat();
     [[nodiscard]] std::size_t FieldOf(std::string_view assignment, std::string& value) const;
-    [[nodiscard]] std::unique_ptr<Delivery> MakeDelivery();
+    [[nodiscard]] ExitCode MakeDelivery();
+    [[nodiscard]] ExitCode CheckSequence();
     [[nodiscard]] ExitCode OpenInput(std::string const& position);
     [[nodiscard]] ExitCode SendRows();
     [[nodiscard]] ExitCode SendRow();
@@ -113,11 +117,17 @@ class SendCommand : public Command {
     long rowsPerSecond_ = 0;
     bool hold_ = false;
     std::string heartbeatText_;
+    std::string sequenceName_;
+    std::string spoolPath_;
+    std::string watermarkPath_;
+    std::string statePath_;
+    long stream_ = 0;
     bool dryRun_ = false;
 
     suts_tsspec spec_;
     int sequenceField_ = -1;     // which takes the delivery's numbers, or none
     std::string startPosition_;  // of the input, as an earlier run left it; empty to begin at its start
+    bool inputWasFinished_ = false;  // by the earlier run
     bool skipsErrors_ = false;
     std::optional<StopSignals> stopSignals_;
     bool stopped_ = false;  // by one of them
@@ -186,6 +196,15 @@ void SendCommand::Declare(CLI::App& program) {
     AddFlag("--hold", "Stay connected at the end of the input until a signal comes", hold_);
     AddOption("--heartbeat", "KEY:SECONDS", "While the source is silent for so long, send a record with this key",
               heartbeatText_);
+    AddOption("--sequence", "FIELD", "Number the records in this int64 field, and see to it that each one arrives once",
+              sequenceName_);
+    AddOption("--spool", "DIR", "With --sequence: keeps what the destination does not hold yet", spoolPath_);
+    AddOption("--watermark", "FILE", "With --sequence: the file in which the sink tells what the destination holds",
+              watermarkPath_);
+    AddOption("--state", "FILE", "With --sequence: the stream and its next number; in the spool by default",
+              statePath_);
+    AddNumber("--stream", "ID", "With --sequence: the number of a new stream; 0: by chance", stream_, 0,
+              static_cast<long>(StreamNumber::STREAM_MAX));
     AddFlag("--dry-run", "Read and check everything, and send nothing", dryRun_);
     AddJson();
 }
@@ -194,7 +213,7 @@ ExitCode SendCommand::Run() {
     if (ExitCode const loaded = LoadSpec(spec_); loaded != DONE) return loaded;
     if (ExitCode const checked = CheckOptions(); checked != DONE) return checked;
     stopSignals_.emplace();
-    delivery_ = MakeDelivery();
+    if (ExitCode const made = MakeDelivery(); made != DONE) return made;
     if (ExitCode const opened = OpenInput(startPosition_); opened != DONE) return opened;
     keys_.emplace(keysMax_ > 0 ? static_cast<std::size_t>(keysMax_) : KEYS_COUNTED_MAX);
     progress_.emplace("rows", !IsQuiet());
@@ -219,6 +238,7 @@ ExitCode SendCommand::CheckOptions() {
     if (follow_ && paths_.back() == "-") return Fail(USAGE, "--follow: standard input cannot be followed; name a file");
     skipsErrors_ = onError_ == "skip" || (onError_.empty() && !rejectsPath_.empty());
 
+    if (ExitCode const checked = CheckSequence(); checked != DONE) return checked;
     RowCheck::Options options;
     if (ExitCode const read = ReadFieldOptions(options); read != DONE) return read;
     if (ExitCode const read = ReadHeartbeat(); read != DONE) return read;
@@ -226,6 +246,15 @@ ExitCode SendCommand::CheckOptions() {
     if (!check_.Set(spec_, std::move(options), problem)) return Fail(USAGE, "{}", problem);
     input_.Set({paths_, format_, delimiter_[0], follow_, check_.Columns()});
     return DONE;
+}
+
+ExitCode SendCommand::CheckSequence() {
+    if (sequenceName_.empty()) {
+        if (spoolPath_.empty() && statePath_.empty() && watermarkPath_.empty() && stream_ == 0) return DONE;
+        return Fail(USAGE, "--spool, --state, --watermark and --stream need --sequence");
+    }
+    if (spoolPath_.empty() || watermarkPath_.empty()) return Fail(USAGE, "--sequence needs --spool and --watermark");
+    return FindSequenceField(spec_, sequenceName_, sequenceField_);
 }
 
 // The field that FIELD=VALUE begins with, or as many as there are.
@@ -282,20 +311,39 @@ ExitCode SendCommand::ReadHeartbeat() {
 }
 
 // The one place where the way to the server is chosen.
-std::unique_ptr<Delivery> SendCommand::MakeDelivery() {
-    if (dryRun_) return std::make_unique<NoDelivery>();
-    return std::make_unique<DirectDelivery>(DirectDelivery::Server{address_, addressText_, Wait()},
-                                            stopSignals_->Descriptor(), [this](ExitCode code, std::string const& text) {
-                                                if (progress_) progress_->Clear();
-                                                return Fail(code, "{}", text);
-                                            });
+ExitCode SendCommand::MakeDelivery() {
+    if (dryRun_) {
+        delivery_ = std::make_unique<NoDelivery>();
+        return DONE;
+    }
+    auto const fail = [this](ExitCode code, std::string const& text) {
+        if (progress_) progress_->Clear();
+        return Fail(code, "{}", text);
+    };
+    ServerLink link({address_, addressText_, Wait()}, stopSignals_->Descriptor(), fail);
+    if (sequenceField_ < 0) {
+        delivery_ = std::make_unique<DirectDelivery>(std::move(link));
+        return DONE;
+    }
+    auto const say = [this](std::string const& text) {
+        if (progress_) progress_->Clear();
+        Say("{}", text);
+    };
+    auto spooled = std::make_unique<SpooledDelivery>(
+        SpooledDelivery::Options{spoolPath_, statePath_, watermarkPath_, static_cast<unsigned long>(stream_)},
+        std::move(link), say);
+    if (ExitCode const opened = spooled->Open(); opened != DONE) return opened;
+    startPosition_ = spooled->InputPosition();
+    inputWasFinished_ = spooled->WasFinished();
+    delivery_ = std::move(spooled);
+    return DONE;
 }
 
 // Goes to a position that the delivery was given with a frame, and takes the rejects file back to what it was then. An
 // empty text stands for the start.
 ExitCode SendCommand::OpenInput(std::string const& position) {
     bool const goesOn = !position.empty();
-    if (goesOn && !input_.StartAt(position)) return Fail(BAD_CONFIGURATION, "{}", input_.Problem());
+    if (goesOn && !input_.StartAt(position, inputWasFinished_)) return Fail(BAD_CONFIGURATION, "{}", input_.Problem());
     if (rejectsPath_.empty() || dryRun_) return DONE;
     if (rejects_.Open(rejectsPath_, paths_, goesOn, input_.StartRejectsBytes())) return DONE;
     return Fail(goesOn ? BAD_CONFIGURATION : IO_ERROR, "{}", rejects_.Problem());
@@ -356,6 +404,7 @@ ExitCode SendCommand::SendRow() {
         values_[static_cast<std::size_t>(sequenceField_)] = brindle_Value::Number(SUTS_INT64, delivery_->TakeNumber());
     }
     if (brindle_AppendRecord(frame_, spec_, timeUs, values_) != BRINDLE_DONE) {
+        if (sequenceField_ >= 0) delivery_->ReturnNumber();
         return RejectRow("the record does not fit into a frame");
     }
     if (timeUs < YEAR_1971_US && !epochWarned_) {

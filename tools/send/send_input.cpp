@@ -212,7 +212,7 @@ std::string SendInput::Position(unsigned long rejectsBytes) const {
     return text.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
-bool SendInput::StartAt(std::string_view position) {
+bool SendInput::StartAt(std::string_view position, bool wasFinished) {
     nlohmann::json const place = nlohmann::json::parse(position, nullptr, false);
     auto const number = [&place](char const* name, unsigned long& value) {
         auto const found = place.find(name);
@@ -229,6 +229,10 @@ bool SendInput::StartAt(std::string_view position) {
     start_.path = place["path"].get<std::string>();
     auto const named = std::find_if(options_.paths.begin(), options_.paths.end(),
                                     [this](std::string const& path) { return AbsolutePath(path) == start_.path; });
+    if (named == options_.paths.end() && wasFinished) {
+        start_ = {};
+        return true;
+    }
     if (named == options_.paths.end()) {
         Fail(BAD_POSITION, fmt::format("the earlier run stopped in {}, which is not among the files of this one; give "
                                        "the same files",

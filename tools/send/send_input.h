@@ -52,8 +52,8 @@ class SendInput {
     void Set(Options options) { options_ = std::move(options); }
 
     // Takes a text that Position gave: the next row is the one behind that position. False, and Problem(), when the
-    // files are not what they were.
-    [[nodiscard]] bool StartAt(std::string_view position);
+    // files are not what they were. An earlier run that was finished does not ask for the same files.
+    [[nodiscard]] bool StartAt(std::string_view position, bool wasFinished);
 
     [[nodiscard]] Result Next();
 

@@ -23,16 +23,7 @@ constexpr unsigned int FRAME_FIELDS = 3;        // of Frame, 8 bytes each, as an
 
 }  // namespace
 
-SpooledDelivery::SpooledDelivery(Options options, Say say, Say fail)
-    : options_(std::move(options)), say_(std::move(say)), fail_(std::move(fail)) {}
-
-ExitCode SpooledDelivery::Fail(ExitCode code, std::string const& text) const {
-    fail_(text);
-    return code;
-}
-
-// State and spool
-// ------------------------------------------------------------------------------------------------------
+// State and spool ----------------------------------------------------------------------------------------------------
 
 ExitCode SpooledDelivery::Open() {
     switch (spool_.Open(options_.spoolPath, false)) {
@@ -103,7 +94,7 @@ ExitCode SpooledDelivery::IndexSpool() {
 }
 
 ExitCode SpooledDelivery::LoadState() {
-    std::string const path = options_.statePath.empty() ? options_.spoolPath + "/state" : options_.statePath;
+    std::string const path = StatePath();
     auto const text = ReadFile(path);
     if (!text.has_value() && errno != ENOENT) return Fail(IO_ERROR, fmt::format("{}: {}", path, strerror(errno)));
     if (!text.has_value()) {
@@ -144,8 +135,13 @@ ExitCode SpooledDelivery::LoadState() {
     }
     unsigned long const next = json["next"].get<unsigned long>();
     if (next > 0) taken_ = std::max(taken_, next - 1);
-    if (entries_.empty()) inputPosition_ = json.value("input", "");
+    wasFinished_ = isClean;
+    if (entries_.empty() || isClean) inputPosition_ = json.value("input", "");
     return DONE;
+}
+
+std::string SpooledDelivery::StatePath() const {
+    return options_.statePath.empty() ? options_.spoolPath + "/state" : options_.statePath;
 }
 
 bool SpooledDelivery::SaveState(bool isClean) const {
@@ -154,12 +150,10 @@ bool SpooledDelivery::SaveState(bool isClean) const {
                                   {"spool", spool_.Id()},
                                   {"clean", isClean},
                                   {"input", inputPosition_}};
-    return ReplaceFile(options_.statePath.empty() ? options_.spoolPath + "/state" : options_.statePath,
-                       state.dump() + "\n");
+    return ReplaceFile(StatePath(), state.dump() + "\n");
 }
 
-// Frames
-// ---------------------------------------------------------------------------------------------------------------
+// Frames -------------------------------------------------------------------------------------------------------------
 
 long SpooledDelivery::TakeNumber() { return StreamNumber{stream_, ++taken_}.Value(); }
 
@@ -215,20 +209,10 @@ ExitCode SpooledDelivery::Pump() {
     for (;;) {
         if (entries_.empty() || entries_.back().at < next_) return DONE;
         if (!connection_.IsOpen()) {
-            if (ExitCode const connected = Connect(); connected != DONE) return connected;
+            if (ExitCode const connected = link_.Connect(connection_, true); connected != DONE) return connected;
         }
         if (ExitCode const sent = SendEntry(); sent != DONE) return sent;
     }
-}
-
-ExitCode SpooledDelivery::Connect() {
-    brindle_Result const opened = connection_.Open(options_.address, options_.wait);
-    if (opened == BRINDLE_DONE) return DONE;
-    return Fail(
-        UNAVAILABLE,
-        fmt::format("{}: {}; what is not at the destination yet stays in {} and is sent at the next start",
-                    options_.addressText, opened == BRINDLE_UNKNOWN_HOST ? "the host is not known" : strerror(errno),
-                    options_.spoolPath));
 }
 
 ExitCode SpooledDelivery::SendEntry() {
@@ -247,8 +231,8 @@ ExitCode SpooledDelivery::SendEntry() {
         brindle_Result const sent = connection_.SendFrame(bytes);
         hasSent_ = true;
         if (sent == BRINDLE_TIMED_OUT) {
-            return Fail(TRY_AGAIN, fmt::format("{}: the server takes nothing; does it serve another producer?",
-                                               options_.addressText));
+            return Fail(TRY_AGAIN,
+                        fmt::format("{}: the server takes nothing; does it serve another producer?", link_.Text()));
         }
         if (sent != BRINDLE_DONE) return Resend("the server has closed the connection");
     }
@@ -258,7 +242,7 @@ ExitCode SpooledDelivery::SendEntry() {
 // Everything above the watermark once more: over the connection if it still lives, since closing it would end the
 // server, and over a new one otherwise.
 ExitCode SpooledDelivery::Resend(std::string const& reason) {
-    if (connection_.IsOpen() && connection_.HasEnded()) connection_.Close();
+    if (connection_.IsOpen() && connection_.ServerLeft()) connection_.Close();
     auto const first =
         std::find_if(entries_.begin(), entries_.end(), [this](Entry const& entry) { return entry.last > watermark_; });
     if (first == entries_.end()) return DONE;
@@ -276,8 +260,7 @@ ExitCode SpooledDelivery::Resend(std::string const& reason) {
     return DONE;
 }
 
-// The watermark
-// ---------------------------------------------------------------------------------------------------------
+// The watermark ------------------------------------------------------------------------------------------------------
 
 // Looks at the file, and at the connection.
 ExitCode SpooledDelivery::Watch() {
@@ -305,7 +288,7 @@ ExitCode SpooledDelivery::Watch() {
     bool const isRaised = epoch_ != 0 && file.epoch != 0 && file.epoch != epoch_;
     if (file.epoch != 0) epoch_ = file.epoch;
     if (isRaised && hasSent_) return Resend("the sink has accepted a server anew");
-    if (connection_.IsOpen() && connection_.HasEnded()) return Resend("the server has closed the connection");
+    if (connection_.IsOpen() && connection_.ServerLeft()) return Resend("the server has closed the connection");
     return DONE;
 }
 
@@ -331,7 +314,12 @@ ExitCode SpooledDelivery::AwaitWatermark(bool& reached) {
         if (reached || resends_ != resendsBefore) return DONE;
         Clock::time_point const now = Clock::now();
         if (watermark_ > before) lastProgress = now;
-        if (now - lastProgress > options_.wait) return Resend("the watermark stands still");
+        if (link_.IsStopped()) {
+            return Fail(TRY_AGAIN, fmt::format("stopped: the records from number {} on may not be at the destination "
+                                               "yet; they stay in {} and are sent at the next start",
+                                               watermark_ + 1, options_.spoolPath));
+        }
+        if (now - lastProgress > link_.Wait()) return Resend("the watermark stands still");
         std::this_thread::sleep_for(WATCH_PAUSE);
     }
 }
@@ -342,10 +330,10 @@ ExitCode SpooledDelivery::Finish() {
     while (code == DONE && !reached) {
         // The end of its producer makes a server ship everything.
         if (connection_.IsOpen()) {
-            brindle_Result const finished = connection_.Finish(options_.wait);
+            brindle_Result const finished = connection_.Finish(link_.Wait());
             if (finished == BRINDLE_TIMED_OUT) {
-                return Fail(TRY_AGAIN, fmt::format("{}: the server does not read; does it serve another producer?",
-                                                   options_.addressText));
+                return Fail(TRY_AGAIN,
+                            fmt::format("{}: the server does not read; does it serve another producer?", link_.Text()));
             }
         }
         code = AwaitWatermark(reached);

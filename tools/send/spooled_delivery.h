@@ -9,6 +9,7 @@
 
 #include "brindle_connection.h"
 #include "delivery.h"
+#include "server_link.h"
 #include "spool.h"
 #include "watermark_file.h"
 
@@ -19,9 +20,6 @@
 class SpooledDelivery : public Delivery {
  public:
     struct Options {
-        brindle_Address address;
-        std::string addressText;
-        brindle_Connection::Milliseconds wait;  // for a server, and for the watermark to move on at the end
         std::string spoolPath;
         std::string statePath;      // stream and next number; in the spool when empty
         std::string watermarkPath;  // the sink's
@@ -29,19 +27,23 @@ class SpooledDelivery : public Delivery {
     };
     using Say = std::function<void(std::string const&)>;
 
-    SpooledDelivery(Options options, Say say, Say fail);
+    // The link's wait is also that for the watermark to move on at the end.
+    SpooledDelivery(Options options, ServerLink link, Say say)
+        : options_(std::move(options)), link_(std::move(link)), say_(std::move(say)) {}
 
     // Finds what an earlier run has left: its frames are sent first. DONE, or BAD_CONFIGURATION when they do not belong
     // to the state or the destination.
     [[nodiscard]] ExitCode Open();
     // The input position of the last frame that is safe; empty when there is none.
     [[nodiscard]] std::string const& InputPosition() const { return inputPosition_; }
+    [[nodiscard]] bool WasFinished() const { return wasFinished_; }  // the earlier run came to its end
 
     [[nodiscard]] ExitCode Deliver(brindle_Message& frame, unsigned long records,
                                    std::string_view inputPosition) override;
     [[nodiscard]] ExitCode Idle() override;
     [[nodiscard]] ExitCode Finish() override;
     [[nodiscard]] long TakeNumber() override;
+    void ReturnNumber() override { --taken_; }
     [[nodiscard]] bool IsConnected() const override { return connection_.IsOpen(); }
 
     [[nodiscard]] unsigned long Stream() const { return stream_; }
@@ -68,20 +70,21 @@ class SpooledDelivery : public Delivery {
     [[nodiscard]] ExitCode Flush();
     [[nodiscard]] ExitCode Pump();
     [[nodiscard]] ExitCode SendEntry();
-    [[nodiscard]] ExitCode Connect();
     [[nodiscard]] ExitCode Watch();
     [[nodiscard]] ExitCode Resend(std::string const& reason);
     [[nodiscard]] ExitCode AwaitWatermark(bool& reached);
     void Trim();
-    [[nodiscard]] ExitCode Fail(ExitCode code, std::string const& text) const;
+    [[nodiscard]] ExitCode Fail(ExitCode code, std::string const& text) const { return link_.Fail(code, text); }
+    [[nodiscard]] std::string StatePath() const;
 
     Options const options_;
+    ServerLink const link_;
     Say const say_;
-    Say const fail_;
     Spool spool_;
     brindle_Connection connection_;
     unsigned long stream_ = 0;
     std::string inputPosition_;
+    bool wasFinished_ = false;
     unsigned long taken_ = 0;      // the greatest number given to a record
     unsigned long delivered_ = 0;  // the greatest number in a frame handed over
     std::vector<Frame> pending_;   // frames that are not in the spool yet

@@ -134,13 +134,8 @@ ExitCode SinkCommand::CheckOptions(ShipWriter::Options& options) const {
     if (destinationText_ == STANDARD_OUTPUT) {
         return Fail(USAGE, "--sequence needs a destination that keeps what it was given; standard output does not");
     }
-    for (int i = 0; i < spec_.fieldCount; ++i) {
-        if (sequenceName_ == spec_.fieldNames[static_cast<std::size_t>(i)].get()) options.sequenceField = i;
-    }
-    if (options.sequenceField < 1 || spec_.Type(options.sequenceField) != SUTS_INT64) {
-        return Fail(BAD_CONFIGURATION, "--sequence {}: the schema has no int64 field of this name behind the key",
-                    sequenceName_);
-    }
+    ExitCode const found = FindSequenceField(spec_, sequenceName_, options.sequenceField);
+    if (found != DONE) return found;
     for (std::string const& text : streamTexts_) {
         unsigned long stream = 0;
         auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), stream);
