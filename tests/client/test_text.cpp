@@ -3,6 +3,7 @@
 #include <bit>
 #include <limits>
 
+#include "time_reader.h"
 #include "time_text.h"
 #include "value_text.h"
 
@@ -42,6 +43,68 @@ TEST(TimeText, RefusesWhatIsNoTime) {
         long timeUs = 7;
         EXPECT_FALSE(ParseTime(texts.substr(0, end), timeUs)) << texts;
         if (end == texts.size()) break;
+    }
+}
+
+TEST(TimeReader, ReadsTheFormatsOfSources) {
+    constexpr long REFUSED = -7;
+    struct {
+        char const* format;
+        char const* zone;
+        char const* text;
+        long timeUs;
+    } const rows[] = {
+        {"", "", "978307200000001", 978307200000001},
+        {"", "Europe/Berlin", "978307200000001", 978307200000001},
+        {"", "Europe/Berlin", "2001-01-01 01:00", 978307200000000},
+        {"", "Europe/Berlin", "2001-01-01T01:00Z", 978310800000000},
+        {"iso8601", "", "978307200000001", REFUSED},
+        {"s", "", "978307200.1234567", 978307200123456},
+        {"s", "", "-0.0000001", -1},
+        {"s", "", "9223372036855", REFUSED},
+        {"s", "", "1.", REFUSED},
+        {"s", "", "2001-01-01", REFUSED},
+        {"ms", "", "978307200000.5", 978307200000500},
+        {"us", "", "978307200000000.9", 978307200000000},
+        {"ns", "", "978307200000000999", 978307200000000},
+        {"ns", "", "-1", -1},
+        {"auto", "", "99999999999", 99999999999000000},
+        {"auto", "", "100000000000", 100000000000000},
+        {"auto", "", "99999999999999", 99999999999999000},
+        {"auto", "", "100000000000000", 100000000000000},
+        {"auto", "", "100000000000000000", 100000000000000},
+        {"auto", "", "2001-01-01", 978307200000000},
+        {"%d/%b/%Y:%H:%M:%S %z", "", "01/Jan/2001:01:00:00 +0100", 978307200000000},
+        {"%d.%m.%Y %H:%M:%S", "", "01.01.2001 00:00:00.1234567", 978307200123456},
+        {"%d.%m.%Y", "", "31.02.2001", REFUSED},
+        {"%d.%m.%Y", "", "01.01.2001x", REFUSED},
+        {"%H:%M", "", "12:00", REFUSED},
+        // Clocks go from 1:59 to 3:00 there, and in autumn from 2:59 to 2:00.
+        {"iso8601", "Europe/Berlin", "2001-03-25T01:59:59", 985481999000000},
+        {"iso8601", "Europe/Berlin", "2001-03-25T02:30:00", REFUSED},
+        {"iso8601", "Europe/Berlin", "2001-03-25T03:00:00", 985482000000000},
+        {"iso8601", "Europe/Berlin", "2001-10-28T02:30:00", 1004229000000000},
+        {"iso8601", "Europe/Berlin", "2001-10-28T03:00:00", 1004234400000000},
+    };
+    for (auto const& row : rows) {
+        TimeReader reader;
+        std::string problem;
+        ASSERT_TRUE(reader.Set(row.format, row.zone, problem)) << problem;
+        for (int i = 0; i < 2; ++i) {
+            long timeUs = REFUSED;
+            EXPECT_EQ(reader.Read(row.text, timeUs), row.timeUs != REFUSED) << row.format << " " << row.text;
+            EXPECT_EQ(timeUs, row.timeUs) << row.format << " " << row.text;
+        }
+    }
+    // What is remembered of a zone must not be taken for other times.
+    TimeReader reader;
+    std::string problem;
+    ASSERT_TRUE(reader.Set("", "Europe/Berlin", problem));
+    for (auto const& row : rows) {
+        if (std::string_view(row.format) != "iso8601" || *row.zone == 0) continue;
+        long timeUs = REFUSED;
+        EXPECT_EQ(reader.Read(row.text, timeUs), row.timeUs != REFUSED) << row.text;
+        EXPECT_EQ(timeUs, row.timeUs) << row.text;
     }
 }
 

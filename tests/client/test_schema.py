@@ -1,0 +1,38 @@
+"""brindlectl schema: what it says of schemas, and what it makes of data."""
+
+import json
+
+from runs import expect
+from tools import Brindlectl
+
+
+class Schema(Brindlectl):
+    def test_check_names_the_place_or_the_sizes(self) -> None:
+        for text, status, told in (
+                ("R\nint32 a\nint64 b float64 c\n", 0, {"wireBytes": 28, "logBytes": 32, "fixedSize": True, "key": "a"}),
+                ("R string64 a", 0, {"wireBytes": 13, "logBytes": 13, "fixedSize": False}),
+                ("R\nint32 a\n  Int64 b\n", 78, {"problems": [{
+                    "line": 3, "column": 3, "text": "'Int64' is no type; the types are string64, int32, int64, float64; "
+                                                    "did you mean int64?"}]})):
+            with self.subTest(text):
+                tool = self.ended(status, "schema", "check", "--json", self.file("x.spec", text))
+                seen = json.loads(tool.out())
+                expect("told", {name: seen[name] for name in told}, told)
+                self.assertIn("x.spec:3:3: 'Int64'" if status else "x.spec: a record takes", tool.errors())
+
+    def test_guess_makes_what_send_takes(self) -> None:
+        csv = "id,ts,device,count,wide,level,sparse\n" + "".join(
+            f"{n},{1700000000 + n}.5,dev{n % 3},{n},{2**40 + n},{n}.25,{n if n % 2 else ''}\n" for n in range(9))
+        lines = "".join(f'{{"at":"0{n}.02.2024 10:00","name":"x{n % 2}","a b":{n}}}\n' for n in range(1, 9))
+        for name, content, options, spec, advice in (
+                ("data.csv", csv, [], "data\nstring64 device\nint32    id\nint32    count\nint64    wide\n"
+                 "float64  level\nint32    sparse\n", ["--time", "ts", "--time-format", "s", "--empty", "sparse=0"]),
+                ("x.jsonl", lines, ["--key", "a b"], "x\nint32    a_b\nstring64 name\n",
+                 ["--time", "at", "--time-format", "'%d.%m.%Y %H:%M'", "--map", "'a_b=a b'"])):
+            with self.subTest(name):
+                path = self.file(name, content)
+                tool = self.ended(0, "schema", "guess", path, *options)
+                expect("schema", tool.out(), spec)
+                self.assertIn(" ".join(["--data HOST:PORT1,PORT2", *advice, str(path)]), tool.errors())
+                self.ended(0, "send", "--dry-run", "--spec", self.file("guessed.spec", spec), path,
+                           *(option.strip("'") for option in advice))
