@@ -91,10 +91,12 @@ class SendCommand : public Command {
     [[nodiscard]] ExitCode SendHeartbeat(Clock::time_point now);
     [[nodiscard]] ExitCode DoWhatIsDue(Clock::time_point now, bool isSilent);
     [[nodiscard]] ExitCode WaitUntil(Clock::time_point until, int descriptor, bool isSilent);
-    [[nodiscard]] ExitCode Pace();
+    [[nodiscard]] ExitCode WaitForTurn();
+    void TakeTurn();
     [[nodiscard]] ExitCode Hold();
     [[nodiscard]] ExitCode Finish(ExitCode rows);
-    [[nodiscard]] ExitCode Summarize();
+    void SaySummary() const;
+    [[nodiscard]] ExitCode PrintSummary() const;
     void EndFile();
     bool LookForStop();
 
@@ -157,6 +159,7 @@ class SendCommand : public Command {
 
     unsigned long rows_ = 0;
     unsigned long rejected_ = 0;
+    bool endedByRow_ = false;  // a wrong one, with which a later run would begin
     unsigned long errorsOfFile_ = 0;
     std::string errorsFile_;
     bool epochWarned_ = false;
@@ -223,7 +226,9 @@ ExitCode SendCommand::Run() {
     EndFile();
     ExitCode const finished = Finish(rows);
     progress_.reset();
+    ExitCode const printed = PrintSummary();
     if (finished != DONE) return finished;
+    if (printed != DONE) return printed;
     return rows == DONE && rejected_ > 0 ? REJECTS : rows;
 }
 
@@ -235,6 +240,7 @@ ExitCode SendCommand::CheckOptions() {
         return Fail(USAGE, "--delimiter: '{}' is no single character that can divide values", delimiter_);
     }
     if (batchBytes_ > BATCH_BYTES_MAX) return Fail(USAGE, "--batch: at most 256M");
+    if (lingerUs_ > 365 * DAY_US) return Fail(USAGE, "--linger: at most 365d");
     if (follow_ && paths_.back() == "-") return Fail(USAGE, "--follow: standard input cannot be followed; name a file");
     skipsErrors_ = onError_ == "skip" || (onError_.empty() && !rejectsPath_.empty());
 
@@ -351,11 +357,18 @@ ExitCode SendCommand::OpenInput(std::string const& position) {
 
 ExitCode SendCommand::SendRows() {
     for (unsigned long turn = 1;; ++turn) {
-        if (turn % ROWS_PER_LOOK == 0 && LookForStop() && rowsPerSecond_ > 0) return DONE;
+        if (turn % ROWS_PER_LOOK == 0) LookForStop();
         ExitCode code = DONE;
+        if (rowsPerSecond_ > 0 && !dryRun_) {
+            // Before the row is taken: a frame that leaves meanwhile must not count it.
+            if (code = WaitForTurn(); code != DONE) return code;
+            // Rows that are not due yet are left where they are.
+            if (stopped_) return DONE;
+        }
         switch (input_.Next()) {
             case SendInput::ROW:
                 code = SendRow();
+                TakeTurn();
                 break;
             case SendInput::BROKEN_ROW:
                 code = RejectRow(input_.Problem());
@@ -366,6 +379,7 @@ ExitCode SendCommand::SendRows() {
                 break;
             case SendInput::FILE_END:
                 EndFile();
+                if (stopped_) return DONE;
                 break;
             case SendInput::NEW_FILE:
                 EndFile();
@@ -381,15 +395,10 @@ ExitCode SendCommand::SendRows() {
                 return Fail(BAD_CONFIGURATION, "{}", input_.Problem());
         }
         if (code != DONE) return code;
-        // Paced rows that are not due yet are left where they are.
-        if (stopped_ && rowsPerSecond_ > 0) return DONE;
     }
 }
 
 ExitCode SendCommand::SendRow() {
-    if (rowsPerSecond_ > 0 && !dryRun_) {
-        if (ExitCode const paced = Pace(); paced != DONE || stopped_) return paced;
-    }
     progress_->Update(++rows_, input_.BytesRead(), bytesInAll_);
     long timeUs = 0;
     if (!check_.Check(input_.Cells(), timeUs, values_)) return RejectRow(check_.Problem());
@@ -433,6 +442,7 @@ ExitCode SendCommand::RejectRow(std::string_view reason) {
     errorsFile_ = input_.Name();
     ++errorsOfFile_;
     if (rejects_.IsOpen() && !rejects_.Add(input_, reason)) return Fail(IO_ERROR, "{}", rejects_.Problem());
+    endedByRow_ = !skipsErrors_;
     return skipsErrors_ ? DONE : BAD_DATA;
 }
 
@@ -450,7 +460,8 @@ ExitCode SendCommand::SendFrame() {
     // The position that goes along counts on what was turned away before it.
     if (rejects_.IsOpen() && !rejects_.Flush()) return Fail(IO_ERROR, "{}", rejects_.Problem());
     std::size_t const bytes = frame_.BodyBytes() + SUTL_FRAME_HEADER_BYTES;
-    ExitCode const delivered = delivery_->Deliver(frame_, recordsInFrame_, input_.Position(rejects_.Bytes()));
+    ExitCode const delivered =
+        delivery_->Deliver(frame_, recordsInFrame_, input_.Position(rejects_.Bytes(), endedByRow_));
     if (delivered != DONE) {
         deliveryFailed_ = true;
         return delivered;
@@ -468,12 +479,15 @@ ExitCode SendCommand::SendFrame() {
 
 // Brings event time forward by as much as time has passed, so that the server ships what it holds.
 ExitCode SendCommand::SendHeartbeat(Clock::time_point now) {
-    long const timeUs = beatNewestUs_ + std::chrono::duration_cast<std::chrono::microseconds>(now - newestAt_).count();
+    long const passedUs = std::chrono::duration_cast<std::chrono::microseconds>(now - newestAt_).count();
+    long timeUs = 0;
     silentSince_ = now;
+    if (__builtin_add_overflow(beatNewestUs_, passedUs, &timeUs)) return DONE;
     if (brindle_AppendRecord(frame_, spec_, timeUs, beatValues_) != BRINDLE_DONE) return DONE;
     ++recordsInFrame_;
-    ++heartbeats_;
-    return SendFrame();
+    ExitCode const sent = SendFrame();
+    if (sent == DONE) ++heartbeats_;
+    return sent;
 }
 
 // While there is a pause: sends a frame that has waited long enough, and a heartbeat when the source is silent.
@@ -520,16 +534,16 @@ ExitCode SendCommand::WaitUntil(Clock::time_point until, int descriptor, bool is
     }
 }
 
-// Waits for the next row's turn.
-ExitCode SendCommand::Pace() {
-    Clock::time_point const now = Clock::now();
-    if (rowDue_ - now >= PACE_STEP) {
-        if (ExitCode const waited = WaitUntil(rowDue_, -1, false); waited != DONE) return waited;
-    }
-    // What a slow source has missed is not made up for, but for what the clock of the system is too coarse for.
+// Waits for the next row's turn, unless that is near.
+ExitCode SendCommand::WaitForTurn() {
+    return rowDue_ - Clock::now() < PACE_STEP ? DONE : WaitUntil(rowDue_, -1, false);
+}
+
+// What a slow source has missed is not made up for, but for what the clock of the system is too coarse for.
+void SendCommand::TakeTurn() {
+    if (rowsPerSecond_ == 0) return;
     rowDue_ = std::max<Clock::time_point>(rowDue_, Clock::now() - PACE_LAG_MAX) +
               std::chrono::nanoseconds(1000000000 / rowsPerSecond_);
-    return DONE;
 }
 
 // Whether a signal has come. If so, nothing more is read.
@@ -563,14 +577,12 @@ ExitCode SendCommand::Finish(ExitCode rows) {
     progress_->Clear();
     if (deliveryFailed_) return rows;
     // A server that nobody has connected to can still serve the mended file.
-    if (failedEarly) {
-        recordsInFrame_ = 0;
-        Fail(rows, "nothing was sent");
-    }
-    return Summarize();
+    if (failedEarly) return Fail(rows, "nothing was sent");
+    SaySummary();
+    return DONE;
 }
 
-ExitCode SendCommand::Summarize() {
+void SendCommand::SaySummary() const {
     unsigned long const records = recordsSent_ - heartbeats_;
     bool const hasTimes = lastUs_ >= 0 && records > 0;
     if (dryRun_) {
@@ -593,7 +605,12 @@ ExitCode SendCommand::Summarize() {
     } else {
         Say("{} row{} turned away, nothing sent", rejected_, rejected_ == 1 ? "" : "s");
     }
+}
+
+ExitCode SendCommand::PrintSummary() const {
     if (!WantsJson()) return DONE;
+    unsigned long const records = recordsSent_ - heartbeats_;
+    bool const hasTimes = lastUs_ >= 0 && records > 0;
     nlohmann::json const none;
     return PrintResult({{"records", records},
                         {"rejected", rejected_},

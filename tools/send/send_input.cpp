@@ -39,6 +39,8 @@ SendInput::Result SendInput::Next() {
     if (!headerRead_) {
         if (Result const header = ReadHeader(); header != ROW) return header;
     }
+    rowOffset_ = json_ ? json_->NextOffset() : csv_->NextOffset();
+    rowLine_ = json_ ? json_->NextLine() : csv_->NextLine();
     return json_ ? NextJson() : NextCsv();
 }
 
@@ -204,8 +206,12 @@ SendInput::Place SendInput::CurrentPlace() const {
     return place;
 }
 
-std::string SendInput::Position(unsigned long rejectsBytes) const {
-    Place const place = isOpen_ && headerRead_ ? CurrentPlace() : behindFile_;
+std::string SendInput::Position(unsigned long rejectsBytes, bool ofLastRow) const {
+    Place place = isOpen_ && headerRead_ ? CurrentPlace() : behindFile_;
+    if (ofLastRow) {
+        place.offset = rowOffset_;
+        place.line = rowLine_;
+    }
     nlohmann::json const text = {{"path", place.path},     {"device", place.device}, {"inode", place.inode},
                                  {"offset", place.offset}, {"line", place.line},     {"rejectsBytes", rejectsBytes}};
     // A path may be no UTF-8.

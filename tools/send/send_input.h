@@ -70,8 +70,8 @@ class SendInput {
     [[nodiscard]] std::string const& Header() const { return header_; }  // its first row as it stands; none in JSON
     [[nodiscard]] InputBytes const& Bytes() const { return *bytes_; }
 
-    // Where the next row stands, as JSON text. `rejectsBytes` is kept with it.
-    [[nodiscard]] std::string Position(unsigned long rejectsBytes) const;
+    // Where the next row stands, or the last one, as JSON text. `rejectsBytes` is kept with it.
+    [[nodiscard]] std::string Position(unsigned long rejectsBytes, bool ofLastRow = false) const;
     [[nodiscard]] unsigned long StartRejectsBytes() const { return start_.rejectsBytes; }  // as StartAt was given
 
     void Stop();
@@ -103,7 +103,9 @@ class SendInput {
     Options options_;
     std::size_t file_ = 0;  // of the paths, the current one
     bool isOpen_ = false;
-    Place start_;       // to go to; without a path there is none
+    Place start_;                  // to go to; without a path there is none
+    unsigned long rowOffset_ = 0;  // of the last row, or of empty lines before it
+    unsigned long rowLine_ = 0;
     Place behindFile_;  // the end of the last file, which counts until the next one's header is read
     std::unique_ptr<InputBytes> bytes_;
     std::unique_ptr<CsvReader> csv_;  // one of both
