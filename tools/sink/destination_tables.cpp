@@ -176,8 +176,9 @@ std::string_view KeyIds::Bytes(brindle_Value const& key, unsigned long& bits) {
 
 void WriteWireRecord(brindle_Message& wire, SinkRecord const& record) {
     wire.Clear();
+    wire.AppendField(record.values.front());
     wire.Append8Byte(static_cast<unsigned long>(record.timeUs));
-    for (brindle_Value const& value : record.values) wire.AppendField(value);
+    for (brindle_Value const& value : record.values.subspan(1)) wire.AppendField(value);
 }
 
 std::string ContentHash(std::span<unsigned char const> bytes) {

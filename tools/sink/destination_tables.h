@@ -87,7 +87,7 @@ class KeyIds {
     long newestId_ = 0;
 };
 
-// A record in the form that it has on the wire: the time, then all fields.
+// A record as producers send it: the key, the time, the other fields.
 void WriteWireRecord(brindle_Message& wire, SinkRecord const& record);
 
 constexpr std::size_t CONTENT_BYTES = 16;
