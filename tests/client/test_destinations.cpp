@@ -524,7 +524,7 @@ TEST(FileDestination, GoesOnAfterAFullDisk) {
     EXPECT_EQ(store.Read().size(), 2);
 }
 
-TEST(SqliteDestination, WaitsForAnotherAndForRoom) {
+TEST(SqliteDestination, GoesOnAfterAFullDisk) {
     SqliteStore store("S string64 key string64 text");
     auto const destination = store.Make();
     std::string state;

@@ -127,6 +127,10 @@ PostgresqlConnection::Outcome PostgresqlConnection::TakeResults() {
         Result result;
         if (!NextResult(result)) return Lost("no answer from the server");
         if (result == nullptr) return PQstatus(connection_.get()) == CONNECTION_OK ? outcome : LOST;
+        ExecStatusType const status = PQresultStatus(result.get());
+        if (status == PGRES_COPY_IN || status == PGRES_COPY_OUT || status == PGRES_COPY_BOTH) {
+            return Lost("the server waits for rows");  // and would say so again and again
+        }
         if (outcome == DONE) {
             outcome = Judge(result);
             result_ = std::move(result);

@@ -23,7 +23,6 @@ long NowUs() {
 class SqliteDestination : public Destination {
  public:
     SqliteDestination(std::string path, suts_tsspec const& spec, DestinationOptions const& options);
-    ~SqliteDestination() override { Close(); }
 
     Status Open(std::string& state) override;
     Status Begin() override;

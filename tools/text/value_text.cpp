@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <bit>
 #include <charconv>
 #include <cmath>
@@ -135,6 +136,13 @@ void AppendJson(std::string& out, brindle_Value const& value) {
 }
 
 void AppendJson(std::string& out, std::string_view text) {
+    auto const isPlain = [](char c) { return c >= ' ' && c < 0x7F && c != '"' && c != '\\'; };
+    if (std::all_of(text.begin(), text.end(), isPlain)) {  // as nearly every text
+        out += '"';
+        out += text;
+        out += '"';
+        return;
+    }
     try {
         out += nlohmann::json(text).dump();
     } catch (nlohmann::json::type_error const&) {
