@@ -80,6 +80,7 @@ SchemaTables::SchemaTables(suts_tsspec const& spec, DestinationOptions const& op
     viewColumns.push_back(names.Take(options.timeName));
     std::string const& time = viewColumns.back();
     std::vector<TableColumn> fields;
+    fields.reserve(static_cast<std::size_t>(spec.fieldCount));
     for (int i = 0; i < spec.fieldCount; ++i) {
         fields.push_back(
             FieldColumn(names.Take(spec.fieldNames[static_cast<std::size_t>(i)].get()), spec.Type(i), style));

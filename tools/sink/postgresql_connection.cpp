@@ -157,6 +157,7 @@ PostgresqlConnection::Outcome PostgresqlConnection::Judge(Result const& result) 
 PostgresqlConnection::Outcome PostgresqlConnection::Run(std::string const& sql,
                                                         std::vector<std::string> const& parameters, bool binaryRows) {
     std::vector<char const*> values;
+    values.reserve(parameters.size());
     for (std::string const& parameter : parameters) values.push_back(parameter.c_str());
     result_.reset();
     int const sent = PQsendQueryParams(connection_.get(), sql.c_str(), static_cast<int>(values.size()), nullptr,
