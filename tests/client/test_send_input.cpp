@@ -8,7 +8,7 @@ namespace {
 
 // Opens the files at a position (none: the start), and reads so many rows. The first values, or the problem.
 std::vector<std::string> ReadRows(SendInput& input, std::string const& position, std::size_t rowsMax) {
-    if (!position.empty() && !input.StartAt(position)) return {input.Problem()};
+    if (!position.empty() && !input.StartAt(position, false)) return {input.Problem()};
     std::vector<std::string> rows;
     while (rows.size() < rowsMax) {
         switch (input.Next()) {
