@@ -127,8 +127,8 @@ class SendCommand : public Command {
     bool dryRun_ = false;
 
     suts_tsspec spec_;
-    int sequenceField_ = -1;     // which takes the delivery's numbers, or none
-    std::string startPosition_;  // of the input, as an earlier run left it; empty to begin at its start
+    int sequenceField_ = -1;         // which takes the delivery's numbers, or none
+    std::string startPosition_;      // of the input, as an earlier run left it; empty to begin at its start
     bool inputWasFinished_ = false;  // by the earlier run
     bool skipsErrors_ = false;
     std::optional<StopSignals> stopSignals_;

@@ -12,6 +12,8 @@
 #include <cstring>
 #include <iterator>
 
+#include "durable_file.h"
+
 namespace {
 
 constexpr unsigned int FILE_MODE = 0666;  // as far as the user's mask lets
@@ -34,17 +36,6 @@ int WriteAll(int descriptor, std::string_view bytes) {
         }
     }
     return 0;
-}
-
-// The rest of the file; 0 or errno.
-int ReadAll(int descriptor, std::string& bytes) {
-    char piece[4096];
-    for (;;) {
-        long const got = sutl_ReadSome(descriptor, piece, sizeof piece);
-        if (got < 0) return errno;
-        if (got == 0) return 0;
-        bytes.append(piece, static_cast<std::size_t>(got));
-    }
 }
 
 // Takes a number and the blank or line end before it.
@@ -116,17 +107,15 @@ int AppendedFile::Sync() const { return SyncDescriptor(file_.Get()); }
 bool ReadFilesState(std::string const& path, std::size_t files, FilesState& state, std::string& problem,
                     Destination::Status& status) {
     status = Destination::AWAY;
-    sutl_Descriptor const file = sutl_OpenFile(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    std::string text;
-    int error = file.IsOpen() ? 0 : errno;
-    if (error == ENOENT) {
+    auto const read = ReadFile(path);
+    if (!read.has_value() && errno == ENOENT) {
         status = Destination::OK;
         return false;
     }
-    if (error == 0) error = ReadAll(file.Get(), text);
+    int error = read.has_value() ? 0 : errno;
+    std::string const text = read.value_or("");
     // A commit may have failed behind the renaming of the file; now it counts.
-    if (error == 0) error = SyncDescriptor(file.Get());
-    if (error == 0) error = SyncDirectoryOf(path);
+    if (error == 0 && !SyncDirectory(FolderOf(path))) error = errno;
     if (error != 0) {
         problem = fmt::format("{}: cannot be read: {}", path, strerror(error));
         return false;
@@ -145,19 +134,5 @@ int WriteFilesState(std::string const& path, FilesState const& state) {
     for (unsigned long const length : state.lengths) fmt::format_to(std::back_inserter(text), " {}", length);
     fmt::format_to(std::back_inserter(text), " {} {}\n{}{}", state.columns.size(), state.state.size(), state.columns,
                    state.state);
-    std::string const newPath = path + ".new";
-    sutl_Descriptor file = sutl_OpenFile(newPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, FILE_MODE);
-    if (!file.IsOpen()) return errno;
-    if (int const error = WriteAll(file.Get(), text); error != 0) return error;
-    if (int const error = SyncDescriptor(file.Get()); error != 0) return error;
-    file.Close();
-    if (rename(newPath.c_str(), path.c_str()) != 0) return errno;
-    return SyncDirectoryOf(path);
-}
-
-int SyncDirectoryOf(std::string const& path) {
-    std::size_t const slash = path.rfind('/');
-    std::string const directory = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-    sutl_Descriptor const descriptor = sutl_OpenFile(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    return descriptor.IsOpen() ? SyncDescriptor(descriptor.Get()) : errno;
+    return ReplaceFile(path, text) ? 0 : errno;
 }

@@ -45,5 +45,3 @@ struct FilesState {
                                   Destination::Status& status);
 // Puts the state in place of the former one, at once and durably. 0 or errno.
 [[nodiscard]] int WriteFilesState(std::string const& path, FilesState const& state);
-// Waits until the directory of the path is on disk. 0 or errno.
-[[nodiscard]] int SyncDirectoryOf(std::string const& path);

@@ -62,7 +62,7 @@ class SinkCommand : public Command {
     [[nodiscard]] ExitCode Listen(brindle_ShipListener& listener);
     [[nodiscard]] ExitCode OpenSpool(Spool& spool, bool isTemporary);
     [[nodiscard]] ExitCode Work(brindle_ShipListener& listener, Spool& spool, Destination& destination,
-                                ShipWriter::Options const& options);
+                                ShipWriter::Options const& options, StopSignals const& signals);
     [[nodiscard]] ExitCode Report(ShipReceiver const& receiver, ShipWriter const& writer, ShipWriter::Result result);
 
     suts_tsspec spec_;
@@ -107,7 +107,9 @@ ExitCode SinkCommand::Run() {
     if (ExitCode const loaded = LoadSpec(spec_); loaded != DONE) return loaded;
     ShipWriter::Options options;
     if (ExitCode const checked = CheckOptions(options); checked != DONE) return checked;
+    StopSignals const signals;
     destinationOptions_.timeName = timeName_;
+    destinationOptions_.stopDescriptor = signals.Descriptor();
     std::string problem;
     auto const destination = MakeDestination(destinationText_, spec_, destinationOptions_, problem);
     if (destination == nullptr) return Fail(USAGE, "{}: {}", destinationText_, problem);
@@ -116,7 +118,7 @@ ExitCode SinkCommand::Run() {
     bool const isTemporary = destinationText_ == STANDARD_OUTPUT && spoolPath_.empty();
     Spool spool;
     if (ExitCode const opened = OpenSpool(spool, isTemporary); opened != DONE) return opened;
-    ExitCode const code = Work(listener, spool, *destination, options);
+    ExitCode const code = Work(listener, spool, *destination, options, signals);
     if (isTemporary) spool.Remove();
     return code;
 }
@@ -178,12 +180,11 @@ ExitCode SinkCommand::OpenSpool(Spool& spool, bool isTemporary) {
 }
 
 ExitCode SinkCommand::Work(brindle_ShipListener& listener, Spool& spool, Destination& destination,
-                           ShipWriter::Options const& options) {
+                           ShipWriter::Options const& options, StopSignals const& signals) {
     WatermarkWriter watermarks;
     if (int const error = watermarks.Open(watermarkPath_); error != 0) {
         return Fail(IO_ERROR, "{}: cannot be written: {}", watermarkPath_, strerror(error));
     }
-    StopSignals const signals;
     Progress progress("records", !IsQuiet());
     ShipReceiver receiver(listener, spool, watermarks, {static_cast<unsigned long>(spoolBytesMax_), once_},
                           [this](std::string const& text) { Warn("{}", text); });

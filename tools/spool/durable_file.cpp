@@ -17,6 +17,11 @@ constexpr mode_t FILE_MODE = 0666;  // as far as the user's mask lets
 
 }  // namespace
 
+std::string FolderOf(std::string const& path) {
+    std::string const folder = std::filesystem::path(path).parent_path().string();
+    return folder.empty() ? "." : folder;
+}
+
 bool SyncDirectory(std::string const& path) {
     sutl_Descriptor const directory = sutl_OpenFile(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     return directory.IsOpen() && fsync(directory.Get()) == 0;
@@ -41,8 +46,7 @@ bool ReplaceFile(std::string const& path, std::string_view text) {
         errno = error;
         return false;
     }
-    std::string const folder = std::filesystem::path(path).parent_path().string();
-    return SyncDirectory(folder.empty() ? "." : folder);
+    return SyncDirectory(FolderOf(path));
 }
 
 std::optional<std::string> ReadFile(std::string const& path) {

@@ -12,5 +12,8 @@
 // The whole file. None with errno set when it cannot be read; ENOENT when there is none.
 [[nodiscard]] std::optional<std::string> ReadFile(std::string const& path);
 
+// The directory in which a path lies.
+[[nodiscard]] std::string FolderOf(std::string const& path);
+
 // Makes the names in a directory durable. False with errno set on failure.
 [[nodiscard]] bool SyncDirectory(std::string const& path);
