@@ -195,7 +195,7 @@ class Send(Brindlectl):
         start = b'{"key":"a","time":%d,"small":1,"big":2' % START_US
         cases = ((b"{", "the line is no JSON object"), (b"[1]", "the line is no JSON object"),
                  (start + b',"real":1,"note":"\xFF"}', "the line is no UTF-8"),
-                 (start + b',"real":1,"note":"n"} {}', "the line has something behind its JSON object"),
+                 (start + b',"real":1,"note":"n"} {}', "the line is no JSON object"),
                  (start + b',"real":1}', "there is no member 'note'; --empty note=VALUE gives it a value"),
                  (start + b',"real":[1],"note":"n"}', "real: an array is not a float64"),
                  (start + b',"real":null,"note":"n"}', "real: '' is not a float64"),

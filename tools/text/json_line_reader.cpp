@@ -41,6 +41,7 @@ bool TakeHexObject(ondemand::value& value, std::string& bytes) {
 }  // namespace
 
 struct JsonLineReader::Parser {
+    simdjson::dom::parser whole;  // looks at all of a line, which the other, read only in part, relies on
     ondemand::parser parser;
 };
 
@@ -97,12 +98,15 @@ RowResult JsonLineReader::Parse(std::vector<JsonMember>& members, std::size_t by
     members.clear();
     bytes_.clear();
     bytes_.reserve(raw_.size());  // so that views of it stay where they are
+    // Walking a line that is no JSON to its end would lead beyond it.
+    simdjson::error_code const checked = parser_->whole.parse(raw_.data(), raw_.size(), false).error();
+    if (checked == simdjson::UTF8_ERROR) return Break("is no UTF-8");
+    if (checked != simdjson::SUCCESS) return Break("is no JSON object");
     ondemand::document document;
     simdjson::padded_string_view const padded(raw_.data(), raw_.size(), raw_.size() + bytesBehind);
-    simdjson::error_code const begun = parser_->parser.iterate(padded).get(document);
-    if (begun == simdjson::UTF8_ERROR) return Break("is no UTF-8");
     ondemand::object object;
-    if (begun != simdjson::SUCCESS || document.get_object().get(object) != simdjson::SUCCESS) {
+    if (parser_->parser.iterate(padded).get(document) != simdjson::SUCCESS ||
+        document.get_object().get(object) != simdjson::SUCCESS) {
         return Break("is no JSON object");
     }
     for (auto field : object) {
@@ -157,8 +161,7 @@ RowResult JsonLineReader::Parse(std::vector<JsonMember>& members, std::size_t by
         }
         members.push_back(member);
     }
-    bool const isAtEnd = document.current_location().error() == simdjson::OUT_OF_BOUNDS;
-    return isAtEnd ? RowResult::ROW : Break("has something behind its JSON object");
+    return RowResult::ROW;
 }
 
 RowResult JsonLineReader::Break(char const* problem) {
