@@ -33,8 +33,9 @@ Examples:
   brindlectl sink --spec flights.spec --ship 127.0.0.1:7001,7002 --output shipped.csv
   brindlectl send --spec flights.spec --data 127.0.0.1:7101,7102 flights.csv)");
 
-    std::unique_ptr<Command> const commands[] = {MakeSendCommand(), MakeSinkCommand(),   MakeQueryCommand(),
-                                                 MakeDumpCommand(), MakeSchemaCommand(), MakeCompletionCommand()};
+    std::unique_ptr<Command> const commands[] = {MakeSendCommand(),   MakeSchemaCommand(),    MakeSinkCommand(),
+                                                 MakeQueryCommand(),  MakeDumpCommand(),      MakeCheckCommand(),
+                                                 MakeRepairCommand(), MakeCompletionCommand()};
     for (auto const& command : commands) command->Declare(program);
     try {
         program.parse(argc, argv);

@@ -89,8 +89,8 @@ class Send(Brindlectl):
         wait_until("the records", lambda: ask("--format", "csv").count("\n") == 3)
         expect("rows", ask("--format", "csv", "--to", "2001-01-01"), COLUMNS + "978307200000000,k,1,1,1.5,one\n")
         expect("table", ask(), "time                         key  small  big  real  note\n"
-                               "2001-01-01T00:00:00.000001Z  k       -2    2   inf  t\\x01wo\n"
-                               "2001-01-01T00:00:00Z         k        1    1   1.5  one\n")
+                               "2001-01-01T00:00:00Z         k        1    1   1.5  one\n"
+                               "2001-01-01T00:00:00.000001Z  k       -2    2   inf  t\\x01wo\n")
         expect("status", send.wait_end(), 0)
         self.finish(run, [(b"k", START_US, 1, 1, float_bits(1.5), b"one"),
                           (b"k", START_US + 1, -2, 2, float_bits(float("inf")), b"t\x01wo")])

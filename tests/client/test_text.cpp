@@ -3,6 +3,7 @@
 #include <bit>
 #include <limits>
 
+#include "terminal_text.h"
 #include "time_reader.h"
 #include "time_text.h"
 #include "value_text.h"
@@ -162,6 +163,21 @@ TEST(ValueText, WritesCsvAndJson) {
         AppendJson(json, row.value);
         EXPECT_EQ(json, row.json);
     }
+}
+
+TEST(TerminalText, HoldsNothingThatMovesTheCursor) {
+    std::pair<std::string_view, char const*> const rows[] = {
+        {"\033[31m\t", R"(\x1b[31m\x09)"},
+        {"\xC2\x9B"
+         "1m",
+         R"(\xc2\x9b1m)"},  // a C1 control character, in UTF-8
+        {"\x9B"
+         "1m",
+         R"(\x9b1m)"},  // and by itself
+        {"\xE2\x80\xAE", R"(\xe2\x80\xae)"},
+        {"\xC3\xA9\xE6\x97\xA5\xC3", "\xC3\xA9\xE6\x97\xA5\\xc3"},
+    };
+    for (auto const& [text, shown] : rows) EXPECT_EQ(shown, ForTerminal(text));
 }
 
 }  // namespace

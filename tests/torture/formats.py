@@ -151,7 +151,9 @@ def check_dump(session: Session, directory: Path, schema: wire.Schema, records: 
     out = session.directory / "dump.csv"
     command = [session.binaries / "brindlectl", "dump", "--quiet", "--spec", session.spec, "--format", "csv",
                "--output", out, directory]
-    subprocess.run(command, check=True, timeout=60, stderr=subprocess.DEVNULL)
+    # A log whose tail is torn, as a running server's mostly is, gives 1.
+    status = subprocess.run(command, timeout=60, stderr=subprocess.DEVNULL).returncode
+    expect("that the dump is done", status in (0, 1), True)
     rows = csv.reader(io.StringIO(out.read_bytes().decode("latin-1"), newline=""))
     out.unlink()
     expect("columns of the dump", next(rows), ["time", *schema.fields])

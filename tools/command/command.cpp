@@ -250,9 +250,17 @@ ExitCode Command::FailToConnect(brindle_Result result) const {
 
 ExitCode Command::PrintResult(nlohmann::json const& result) const {
     if (!json_) return DONE;
-    std::string const line = result.dump() + '\n';
-    if (sutl_FileWrite(STDOUT_FILENO, line.data(), line.size()) == static_cast<long>(line.size())) return DONE;
-    return Fail(IO_ERROR, "standard output: writing failed: {}", strerror(errno));
+    return PrintText(result.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + '\n');
+}
+
+ExitCode Command::PrintText(std::string_view text) const {
+    while (!text.empty()) {
+        ssize_t const written = write(STDOUT_FILENO, text.data(), text.size());
+        if (written < 0 && errno != EINTR)
+            return Fail(IO_ERROR, "standard output: writing failed: {}", strerror(errno));
+        text.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(written, 0)));
+    }
+    return DONE;
 }
 
 bool Command::HasColor(int descriptor) const {

@@ -101,6 +101,8 @@ class Command {
     }
     // With --json: the result, one object on a line of standard output. DONE, or IO_ERROR, said.
     [[nodiscard]] ExitCode PrintResult(nlohmann::json const& result) const;
+    // Writes text to standard output. DONE, or IO_ERROR, said.
+    [[nodiscard]] ExitCode PrintText(std::string_view text) const;
     [[nodiscard]] bool WantsJson() const { return json_; }
     [[nodiscard]] bool IsQuiet() const { return quiet_; }
     [[nodiscard]] bool HasColor(int descriptor) const;  // whether what goes there may be coloured

@@ -10,3 +10,5 @@ std::unique_ptr<Command> MakeSchemaCommand();
 std::unique_ptr<Command> MakeSinkCommand();
 std::unique_ptr<Command> MakeQueryCommand();
 std::unique_ptr<Command> MakeDumpCommand();
+std::unique_ptr<Command> MakeCheckCommand();
+std::unique_ptr<Command> MakeRepairCommand();

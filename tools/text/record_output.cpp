@@ -11,6 +11,7 @@
 #include <climits>
 #include <iterator>
 
+#include "terminal_text.h"
 #include "time_text.h"
 #include "value_text.h"
 
@@ -20,26 +21,6 @@ constexpr std::size_t WRITE_BYTES = 64UL * 1024;  // gathered before a write
 constexpr mode_t FILE_MODE = 0666;                // as far as the user's mask lets
 
 bool IsNumber(suts_FieldType type) { return type != SUTS_STRING64; }
-
-// Characters that a terminal shows, taking UTF-8 for granted.
-std::size_t WidthOf(std::string_view text) {
-    return static_cast<std::size_t>(
-        std::count_if(text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; }));
-}
-
-// The text without characters that would move the cursor.
-std::string ForTerminal(std::string_view text) {
-    std::string shown;
-    for (char const c : text) {
-        auto const code = static_cast<unsigned char>(c);
-        if (code < ' ' || code == 0x7F) {
-            fmt::format_to(std::back_inserter(shown), "\\x{:02x}", code);
-        } else {
-            shown += c;
-        }
-    }
-    return shown;
-}
 
 }  // namespace
 
@@ -83,25 +64,28 @@ void RecordOutput::AddTableRow(std::span<unsigned long const> leading, long time
                                std::span<brindle_Value const> values) {
     std::vector<std::string> row;
     for (unsigned long const number : leading) row.push_back(std::to_string(number));
-    AppendIsoTime(row.emplace_back(), timeUs);
+    if (record_.HasTime()) AppendIsoTime(row.emplace_back(), timeUs);
     for (brindle_Value const& value : values) {
         std::string text;
         AppendPlain(text, value);
         row.push_back(ForTerminal(text));
     }
     tableRows_.push_back(std::move(row));
+    if (tableRows_.size() < TABLE_PAGE_ROWS) return;
+    LayOutTable();
+    Write();
 }
 
 void RecordOutput::LayOutTable() {
     std::size_t const columns = record_.Names().size();
     std::size_t const fieldColumns = columns - static_cast<std::size_t>(spec_.fieldCount);
-    std::vector<std::size_t> widths(columns, 0);
+    widths_.resize(columns);
     for (auto const& row : tableRows_) {
-        for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], WidthOf(row[i]));
+        for (std::size_t i = 0; i < row.size(); ++i) widths_[i] = std::max(widths_[i], WidthOf(row[i]));
     }
     for (auto const& row : tableRows_) {
         for (std::size_t i = 0; i < row.size(); ++i) {
-            std::string const padding(widths[i] - WidthOf(row[i]), ' ');
+            std::string const padding(widths_[i] - WidthOf(row[i]), ' ');
             bool const rightAligned = i >= fieldColumns && IsNumber(spec_.Type(static_cast<int>(i - fieldColumns)));
             if (i > 0) text_ += "  ";
             if (rightAligned) text_ += padding;

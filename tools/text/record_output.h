@@ -19,11 +19,14 @@ enum class RecordFormat : std::uint8_t {
 };
 
 // Writes records, each with its time and, before that, further numbers if the caller has some. What was added is
-// written when enough has come together and at Flush; a table, whose widths depend on all rows, at Flush alone. After a
-// failed write everything further is dropped. One thread at a time.
+// written when enough has come together and at Flush; a table in pages of TABLE_PAGE_ROWS, whose columns are as wide as
+// the widest value so far. After a failed write everything further is dropped. One thread at a time.
 class RecordOutput {
  public:
-    // The schema must outlive the output. The names of all columns must differ from each other in JSON lines.
+    static constexpr std::size_t TABLE_PAGE_ROWS = 1000;
+
+    // The schema must outlive the output. The names of all columns must differ from each other in JSON lines. Without a
+    // name the time is left out.
     RecordOutput(RecordFormat format, suts_tsspec const& spec, std::vector<std::string> leadingNames,
                  std::string timeName);
 
@@ -56,4 +59,5 @@ class RecordOutput {
     int error_ = 0;                                    // errno of the first failed write
     std::string text_;                                 // not yet written
     std::vector<std::vector<std::string>> tableRows_;  // not yet laid out
+    std::vector<std::size_t> widths_;                  // of the table's columns
 };

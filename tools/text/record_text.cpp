@@ -17,8 +17,8 @@ void AppendNumber(std::string& out, Number number) {
 }  // namespace
 
 RecordText::RecordText(suts_tsspec const& spec, std::vector<std::string> leadingNames, std::string timeName)
-    : names_(std::move(leadingNames)) {
-    names_.push_back(std::move(timeName));
+    : hasTime_(!timeName.empty()), names_(std::move(leadingNames)) {
+    if (hasTime_) names_.push_back(std::move(timeName));
     for (int i = 0; i < spec.fieldCount; ++i) names_.emplace_back(spec.fieldNames[static_cast<std::size_t>(i)].get());
     for (std::string const& name : names_) {
         std::string& text = jsonNames_.emplace_back(jsonNames_.empty() ? "{" : ",");
@@ -41,12 +41,15 @@ void RecordText::AppendCsvRow(std::string& out, std::span<unsigned long const> l
         AppendNumber(out, number);
         out += ',';
     }
-    AppendNumber(out, timeUs);
-    for (brindle_Value const& value : values) {
+    if (hasTime_) {
+        AppendNumber(out, timeUs);
         out += ',';
-        AppendCsv(out, value);
     }
-    out += '\n';
+    for (brindle_Value const& value : values) {
+        AppendCsv(out, value);
+        out += ',';
+    }
+    out.back() = '\n';
 }
 
 void RecordText::AppendJsonLine(std::string& out, std::span<unsigned long const> leading, long timeUs,
@@ -56,8 +59,10 @@ void RecordText::AppendJsonLine(std::string& out, std::span<unsigned long const>
         out += *name++;
         AppendNumber(out, number);
     }
-    out += *name++;
-    AppendNumber(out, timeUs);
+    if (hasTime_) {
+        out += *name++;
+        AppendNumber(out, timeUs);
+    }
     for (brindle_Value const& value : values) {
         out += *name++;
         AppendJson(out, value);
