@@ -30,7 +30,7 @@ environment variables BRINDLE_SPEC, BRINDLE_DATA, BRINDLE_SHIP and BRINDLE_QUERY
 Exit status: 0 done, 1 done but for rows or records turned away, 2 wrong usage, 65 bad data, 69 the other side is not
 there, 74 input or output failed, 75 try again later, 78 the schema or the state of an earlier run cannot be used.
 Examples:
-  brindlectl sink --spec flights.spec --ship 127.0.0.1:7001,7002 --output shipped.csv
+  brindlectl sink --spec flights.spec --ship 127.0.0.1:7001,7002 csv:shipped
   brindlectl send --spec flights.spec --data 127.0.0.1:7101,7102 flights.csv)");
 
     std::unique_ptr<Command> const commands[] = {MakeSendCommand(),   MakeSchemaCommand(),    MakeSinkCommand(),

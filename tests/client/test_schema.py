@@ -9,8 +9,8 @@ from tools import Brindlectl
 class Schema(Brindlectl):
     def test_check_names_the_place_or_the_sizes(self) -> None:
         for text, status, told in (
-                ("R\nint32 a\nint64 b float64 c\n", 0, {"wireBytes": 28, "logBytes": 32, "fixedSize": True, "key": "a"}),
-                ("R string64 a", 0, {"wireBytes": 13, "logBytes": 13, "fixedSize": False}),
+                ("R\nint32 a\nint64 b float64 c\n", 0, {"wire_bytes": 28, "log_bytes": 32, "fixed_size": True, "key": "a"}),
+                ("R string64 a", 0, {"wire_bytes": 13, "log_bytes": 13, "fixed_size": False}),
                 ("R\nint32 a\n  Int64 b\n", 78, {"problems": [{
                     "line": 3, "column": 3, "text": "'Int64' is no type; the types are string64, int32, int64, float64; "
                                                     "did you mean int64?"}]})):

@@ -122,7 +122,7 @@ class Send(Brindlectl):
         files = [self.file(name, content) for name, content in contents.items()]
         tool = self.ended(0, *self.send(run, files[0]), *files[1:], "--json")
         told = json.loads(tool.out())
-        expect("summary", [told[name] for name in ("records", "rejected", "keys", "firstUs", "lastUs")],
+        expect("summary", [told[name] for name in ("records", "rejected", "keys", "first_us", "last_us")],
                [2 * len(files), 0, 2, START_US + 1, START_US + 2])
         self.finish(run, [record("a", 1), record("b", 2)] * len(files))
 

@@ -30,7 +30,7 @@ constexpr char EXAMPLES[] =
 constexpr char CHECK_EXAMPLES[] =
     R"(Says with line and column what keeps a server from using the schema (78), or else how large its records are: on the
 wire of the data ports, in the server's memory beside their keys, and in its log. A text adds its own bytes to each.
---json prints: name, fields (each with name and type), key, wireBytes, memoryBytes, logBytes, fixedSize (false where
+--json prints: name, fields (each with name and type), key, wire_bytes, memory_bytes, log_bytes, fixed_size (false where
 texts are to be added), problems (each with line, column and text).
 Examples:
   brindlectl schema check flights.spec
@@ -129,10 +129,10 @@ ExitCode CheckCommand::Run() {
     result.update({{"name", spec.name.get()},
                    {"fields", fields},
                    {"key", fields[0]["name"]},
-                   {"wireBytes", sizes.wire},
-                   {"memoryBytes", sizes.memory},
-                   {"logBytes", sizes.log},
-                   {"fixedSize", sizes.isFixed}});
+                   {"wire_bytes", sizes.wire},
+                   {"memory_bytes", sizes.memory},
+                   {"log_bytes", sizes.log},
+                   {"fixed_size", sizes.isFixed}});
     return PrintResult(result);
 }
 

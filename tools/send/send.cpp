@@ -50,9 +50,9 @@ A server serves one producer: when this command ends, so does the server's run, 
 server that is serving another producer already is told by 75. Without a record no connection is made and the server
 goes on waiting. Done means that the server has read everything; what it refuses (see its standard error) and what its
 schema takes for something else this command cannot see. SIGINT, SIGTERM and SIGHUP end it in an orderly way.
---json prints: records, rejected, heartbeats, frames, bytes (of the frames), keys (different ones; keysExact is false
-where there are more), firstUs and lastUs (least and greatest time, null without a record), seconds, stopped (by a
-signal), dryRun.
+--json prints: records, rejected, heartbeats, frames, bytes (of the frames), keys (different ones; keys_exact is false
+where there are more), first_us and last_us (least and greatest time, null without a record), seconds, stopped (by a
+signal), dry_run.
 Examples:
   brindlectl send --spec flights.spec --data 127.0.0.1:7101,7102 flights.csv
   brindlectl send --spec quakes.spec --data stage.example:7101,7102 --time when --rejects bad.csv quakes-*.csv.gz)";
@@ -618,12 +618,12 @@ ExitCode SendCommand::PrintSummary() const {
                         {"frames", framesSent_},
                         {"bytes", bytesSent_},
                         {"keys", keys_->Count()},
-                        {"keysExact", keysExact_},
-                        {"firstUs", hasTimes ? nlohmann::json(firstUs_) : none},
-                        {"lastUs", hasTimes ? nlohmann::json(lastUs_) : none},
+                        {"keys_exact", keysExact_},
+                        {"first_us", hasTimes ? nlohmann::json(firstUs_) : none},
+                        {"last_us", hasTimes ? nlohmann::json(lastUs_) : none},
                         {"seconds", std::chrono::duration<double>(Clock::now() - start_).count()},
                         {"stopped", stopped_},
-                        {"dryRun", dryRun_}});
+                        {"dry_run", dryRun_}});
 }
 
 }  // namespace
