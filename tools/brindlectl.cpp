@@ -21,8 +21,15 @@ ExitCode Run(int argc, char** argv) {
     program.set_version_flag("--version", "brindlectl " BRINDLE_VERSION);
     program.require_subcommand(1);
     program.fallthrough();
-    program.failure_message([](CLI::App const*, CLI::Error const& error) {
-        return fmt::format("brindlectl: {}\nRun brindlectl --help, or brindlectl COMMAND --help.\n", error.what());
+    program.failure_message([](CLI::App const* failed, CLI::Error const& error) {
+        // Where a command is asked for, a word that is none stands among what was left over.
+        CLI::App const* last = failed;
+        while (!last->get_subcommands().empty()) last = last->get_subcommands().front();
+        std::vector<std::string> const rest = failed->remaining(true);
+        bool const isNoCommand =
+            last->get_require_subcommand_min() > 0 && !rest.empty() && !rest.front().starts_with('-');
+        return fmt::format("brindlectl: {}\nRun brindlectl --help, or brindlectl COMMAND --help.\n",
+                           isNoCommand ? fmt::format("'{}' is no command", rest.front()) : error.what());
     });
     program.footer(
         R"(Each command has a --help of its own. The options --spec, --data, --ship and --query can also be given by the

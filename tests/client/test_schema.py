@@ -20,6 +20,12 @@ class Schema(Brindlectl):
                 expect("told", {name: seen[name] for name in told}, told)
                 self.assertIn("x.spec:3:3: 'Int64'" if status else "x.spec: a record takes", tool.errors())
 
+    def test_guess_makes_nothing_of_what_is_no_text(self) -> None:
+        for content in (b"\x7FELF\x02\x01\0\0a,b\nx,y\n", b"a,b\n" + b"\x9D\x80\n" * 3 + b"1,2\n"):
+            tool = self.ended(65, "schema", "guess", self.file("program", content))
+            expect("schema", tool.out(), "")
+            self.assertIn("program: these are no rows of text", tool.errors())
+
     def test_guess_makes_what_send_takes(self) -> None:
         csv = "id,ts,device,count,wide,level,sparse\n" + "".join(
             f"{n},{1700000000 + n}.5,dev{n % 3},{n},{2**40 + n},{n}.25,{n if n % 2 else ''}\n" for n in range(9))

@@ -294,6 +294,7 @@ class Send(Brindlectl):
         for status, error, *arguments in (
                 (0, ":2: time: the time is 1970-01-01T00:16:18.307200Z, near 1970; are these seconds", path),
                 (0, "times from 2001-01-01T00:00:00Z", path, "--time-format", "auto"),
+                (65, "send: nothing would be sent", path, "--map", "small=key"),
                 (65, ": the file ends inside its gzip data", cut),
                 (2, "'Mars/Base' is no time zone", path, "--time-zone", "Mars/Base"),
                 (2, "'weeks' is no format of times", path, "--time-format", "weeks"),
@@ -303,3 +304,6 @@ class Send(Brindlectl):
             with self.subTest(error):
                 tool = self.ended(status, "send", "--spec", self.spec, "--dry-run", *arguments)
                 self.assertIn(error, tool.errors())
+        tool = self.ended(78, "send", "--spec", self.directory, "--dry-run", path)
+        self.assertIn(f"{self.directory}: cannot be read: Is a directory", tool.errors())
+        self.assertIn("'sned' is no command", self.ended(2, "sned", path).errors())

@@ -204,7 +204,9 @@ class Sink(Brindlectl):
                 (2, "standard output does not", "--sequence", "big", "jsonl:-"),
                 (78, "no int64 field of this name", "--sequence", "note", f"csv:{self.directory}/x"),
                 (2, "a stream is a number", "--sequence", "big", "--stream", "0", "csv:x"),
-                (74, "No such file or directory", "--spool", self.directory / "none/spool", "csv:x")):
+                (74, "No such file or directory; it stands beside the destination", "--spool", self.directory / "none/spool", "csv:x")):
             with self.subTest(error):
                 tool = self.ended(status, "sink", "--spec", self.spec, "--ship", ports, *options)
                 self.assertIn(error, tool.errors())
+        tool = self.ended(69, "sink", "--spec", self.spec, "--ship", "192.0.2.1:7001,7002", "csv:x")
+        self.assertIn("the host must be an address of this machine, or *", tool.errors())

@@ -40,14 +40,14 @@ bool ParseWithUnit(std::string_view text, std::span<Unit const> units, long& val
     return false;
 }
 
-std::string ReadWhole(int descriptor) {
-    std::string text;
+// False with errno when the end is not reached.
+bool ReadWhole(int descriptor, std::string& text) {
     char piece[4096];
-    for (long got = 1; got > 0;) {
-        got = sutl_ReadSome(descriptor, piece, sizeof piece);
-        if (got > 0) text.append(piece, static_cast<std::size_t>(got));
+    long got = 0;
+    while ((got = sutl_ReadSome(descriptor, piece, sizeof piece)) > 0) {
+        text.append(piece, static_cast<std::size_t>(got));
     }
-    return text;
+    return got == 0;
 }
 
 }  // namespace
@@ -194,7 +194,11 @@ ExitCode Command::LoadSpec(suts_tsspec& spec) const {
         return Fail(BAD_CONFIGURATION, "{}: cannot be opened: {}; name a schema file with --spec", specPath_,
                     strerror(errno));
     }
-    std::string const text = ReadWhole(file.Get());
+    std::string text;
+    if (!ReadWhole(file.Get(), text)) {
+        return Fail(BAD_CONFIGURATION, "{}: cannot be read: {}; name a schema file with --spec", specPath_,
+                    strerror(errno));
+    }
     std::vector<SpecProblem> const problems = CheckSpec(text);
     for (SpecProblem const& problem : problems) {
         Fail(BAD_CONFIGURATION, "{}:{}:{}: {}", specPath_, problem.line, problem.column, problem.text);

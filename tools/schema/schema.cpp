@@ -157,6 +157,7 @@ class GuessCommand : public Command {
     static constexpr std::size_t NONE = static_cast<std::size_t>(-1);
 
     [[nodiscard]] ExitCode FindColumn(std::string const& name, std::size_t& column) const;
+    [[nodiscard]] bool LooksLikeText() const;
     [[nodiscard]] std::size_t GuessTime() const;
     [[nodiscard]] std::size_t GuessKey(std::size_t time) const;
     [[nodiscard]] std::vector<std::string> FieldNames(std::size_t time) const;
@@ -192,6 +193,12 @@ ExitCode GuessCommand::Run() {
     sample_.Read(path_, FormatOfPath(path_, format_), delimiter_.empty() ? ',' : delimiter_[0],
                  static_cast<unsigned long>(rowsMax_));
     if (!sample_.problem.empty()) return Fail(sample_.isUnreadable ? IO_ERROR : BAD_DATA, "{}", sample_.problem);
+    if (!LooksLikeText()) {
+        return Fail(BAD_DATA,
+                    "{}: these are no rows of text; is the file packed otherwise than by gzip or zstd, or is "
+                    "another --format or --delimiter needed?",
+                    path_);
+    }
     std::size_t time = GuessTime();
     if (ExitCode const found = FindColumn(time_, time); found != DONE) return found;
     std::size_t key = GuessKey(time);
@@ -215,6 +222,17 @@ ExitCode GuessCommand::Run() {
     Advise(time, key, order, names);
     if (sutl_FileWrite(STDOUT_FILENO, text.data(), text.size()) == static_cast<long>(text.size())) return DONE;
     return Fail(IO_ERROR, "standard output: writing failed: {}", strerror(errno));
+}
+
+// What is no file of rows has bytes in its first row that no name has, or no row like the first one.
+bool GuessCommand::LooksLikeText() const {
+    auto const isStrange = [](char c) {
+        return c >= 0 && c < ' ' && std::string_view("\t\r\n").find(c) == std::string_view::npos;
+    };
+    for (ColumnSample const& column : sample_.columns) {
+        if (std::any_of(column.Name().begin(), column.Name().end(), isStrange)) return false;
+    }
+    return 2 * sample_.brokenRows <= sample_.rows;
 }
 
 // Leaves the column as it is when no name is given.

@@ -65,7 +65,7 @@ class NoDelivery : public Delivery {
     [[nodiscard]] ExitCode Finish() override { return DONE; }
     [[nodiscard]] long TakeNumber() override { return ++number_; }
     void ReturnNumber() override { --number_; }
-    [[nodiscard]] bool IsConnected() const override { return true; }
+    [[nodiscard]] bool IsConnected() const override { return false; }
 
  private:
     long number_ = 0;
@@ -577,7 +577,7 @@ ExitCode SendCommand::Finish(ExitCode rows) {
     progress_->Clear();
     if (deliveryFailed_) return rows;
     // A server that nobody has connected to can still serve the mended file.
-    if (failedEarly) return Fail(rows, "nothing was sent");
+    if (failedEarly) return Fail(rows, "nothing {} sent", dryRun_ ? "would be" : "was");
     SaySummary();
     return DONE;
 }

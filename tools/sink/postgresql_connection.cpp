@@ -71,6 +71,7 @@ bool PostgresqlAddress::Read(std::string const& text, std::string& problem) {
 std::string PostgresqlAddress::Cleaned(std::string message) const {
     if (!password_.empty()) ReplaceAll(message, password_, "***");
     while (!message.empty() && message.back() == '\n') message.pop_back();
+    ReplaceAll(message, "\n\t", "; ");
     std::replace(message.begin(), message.end(), '\n', ' ');
     return message;
 }

@@ -154,8 +154,11 @@ ExitCode SinkCommand::Listen(brindle_ShipListener& listener) {
     brindle_Result const listening = listener.Listen(address_);
     if (listening == BRINDLE_DONE) return DONE;
     if (listening == BRINDLE_UNKNOWN_HOST) return FailToConnect(listening);
-    return Fail(UNAVAILABLE, "{}: cannot listen: {}; choose other ports or end who holds them", addressText_,
-                strerror(errno));
+    int const error = errno;
+    return Fail(UNAVAILABLE, "{}: cannot listen: {}; {}", addressText_, strerror(error),
+                error == EADDRNOTAVAIL ? "the host must be an address of this machine, or *"
+                : error == EACCES      ? "choose ports above 1023"
+                                       : "choose other ports or end who holds them");
 }
 
 ExitCode SinkCommand::OpenSpool(Spool& spool, bool isTemporary) {
@@ -173,7 +176,8 @@ ExitCode SinkCommand::OpenSpool(Spool& spool, bool isTemporary) {
         case Spool::IN_USE:
             return Fail(TRY_AGAIN, "the spool {}; is a sink for this destination running already?", spool.Problem());
         default:
-            return Fail(IO_ERROR, "the spool {}", spool.Problem());
+            return Fail(IO_ERROR, "the spool {}; it stands beside the destination, or where --spool says",
+                        spool.Problem());
     }
     if (!spool.Problem().empty()) Warn("the spool {}", spool.Problem());
     return DONE;
