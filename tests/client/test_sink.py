@@ -117,6 +117,7 @@ class Sink(Brindlectl):
                     server.close()
                 self.ends(tool, status)
                 self.assertIn(error, tool.errors())
+                self.assertNotIn("secret", tool.errors())
                 expect("rows", self.rows(path, "select time, key from Rec"), [(7, "k")] * records)
                 expect("cycles", self.rows(path, "select complete from Rec_cycles order by cycle"), cycles)
 
@@ -199,7 +200,9 @@ class Sink(Brindlectl):
     def test_refuses_what_cannot_be(self) -> None:
         ports = addresses(free_ports(2))
         for status, error, *options in (
-                (2, "names no destination", "mysql:x"),
+                (2, "mysql: names no destination", "mysql:x:secret"),
+                (2, "this: names no destination", "host=x password=secret"),
+                (2, "cannot be read", "postgresql://u:secret@[x/d"),
                 (2, "--watermark and --stream need --sequence", "--watermark", "w", "csv:x"),
                 (2, "standard output does not", "--sequence", "big", "jsonl:-"),
                 (78, "no int64 field of this name", "--sequence", "note", f"csv:{self.directory}/x"),
@@ -208,5 +211,6 @@ class Sink(Brindlectl):
             with self.subTest(error):
                 tool = self.ended(status, "sink", "--spec", self.spec, "--ship", ports, *options)
                 self.assertIn(error, tool.errors())
+                self.assertNotIn("secret", tool.errors())
         tool = self.ended(69, "sink", "--spec", self.spec, "--ship", "192.0.2.1:7001,7002", "csv:x")
         self.assertIn("the host must be an address of this machine, or *", tool.errors())

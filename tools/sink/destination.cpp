@@ -3,10 +3,12 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <vector>
 
 #include "destination_stdout.h"
 #include "file_destination.h"
+#include "postgresql_connection.h"
 #include "postgresql_destination.h"
 #include "sqlite_destination.h"
 
@@ -23,6 +25,21 @@ std::string TwiceNamed(suts_tsspec const& spec, DestinationOptions const& option
 }
 
 }  // namespace
+
+std::string DestinationName(std::string const& text) {
+    if (text.starts_with("postgresql://") || text.starts_with("postgres://")) {
+        PostgresqlAddress address;
+        std::string problem;
+        (void)address.Read(text, problem);
+        return address.Label();
+    }
+    std::size_t const colon = text.find(':');
+    if (colon == std::string::npos) return "destination";  // what it is instead may hold a password
+    std::string const path = text.substr(colon + 1);
+    if (path == "-") return text;
+    std::filesystem::path const absolute = std::filesystem::absolute(path).lexically_normal();
+    return text.substr(0, colon + 1) + (absolute.has_filename() ? absolute : absolute.parent_path()).string();
+}
 
 std::unique_ptr<Destination> MakeDestination(std::string const& text, suts_tsspec const& spec,
                                              DestinationOptions const& options, std::string& problem) {
@@ -42,7 +59,7 @@ std::unique_ptr<Destination> MakeDestination(std::string const& text, suts_tsspe
         problem = fmt::format(
             "{}: names no destination; give sqlite:FILE, csv:DIR, jsonl:FILE, jsonl:- or "
             "postgresql://USER@HOST:PORT/DATABASE",
-            text.substr(0, colon));  // the rest may hold a password
+            colon == std::string::npos ? "this" : text.substr(0, colon));  // the rest may hold a password
         return nullptr;
     }
     if (!isFile) return MakeSqliteDestination(path, spec, options, problem);

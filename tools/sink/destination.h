@@ -83,6 +83,10 @@ struct DestinationOptions {
     int stopDescriptor = -1;        // readable when standard output is not to be waited for any longer
 };
 
+// The destination that a text names, for messages and to tell one from another: an absolute path, or server and
+// database without user and password.
+[[nodiscard]] std::string DestinationName(std::string const& text);
+
 // Makes the destination that a text names: csv:DIR, jsonl:FILE, jsonl:-, sqlite:FILE, postgresql://... None, and the
 // problem, when the text names none or the options do not go with it. Nothing is opened yet. The schema must outlive
 // it.

@@ -57,14 +57,16 @@ bool PostgresqlAddress::Read(std::string const& text, std::string& problem) {
         return false;
     }
     std::string host;
+    std::string port;
     std::string database;
     for (PQconninfoOption const* option = options.get(); option->keyword != nullptr; ++option) {
         if (option->val == nullptr) continue;
         if (strcmp(option->keyword, "password") == 0) password_ = option->val;
         if (strcmp(option->keyword, "host") == 0) host = option->val;
+        if (strcmp(option->keyword, "port") == 0) port = std::string(":") + option->val;
         if (strcmp(option->keyword, "dbname") == 0) database = option->val;
     }
-    label_ = fmt::format("postgresql://{}/{}", host, database);
+    label_ = fmt::format("postgresql://{}{}/{}", host, port, database);
     return true;
 }
 

@@ -25,7 +25,7 @@ bool ShipEntryView::Parse(std::span<unsigned char const> entry) {
 
 void ShipReceiver::Run(int stopDescriptor) {
     stopDescriptor_ = stopDescriptor;
-    bool goesOn = Append(ShipEntry::RESTARTED, 0, {});
+    bool goesOn = spool_.Bytes() == 0 || Append(ShipEntry::RESTARTED, 0, {});
     while (goesOn) {
         WatchRoom();
         // While bytes wait to be synced, a look that does not wait tells whether more come at once.

@@ -39,6 +39,7 @@ ShipWriter::Result ShipWriter::Run(ShipReceiver const& receiver) {
     milliseconds waitedAtEnd{0};
     for (;;) {
         bool const isDone = receiver.IsDone();  // looked at first: what it appended before is seen then
+        if (isDone && !isOpen_ && spool_.Bytes() == 0) return DRAINED;  // and away, but not needed
         Destination::Status status = isOpen_ ? Destination::OK : OpenDestination();
         if (status == Destination::OK) {
             if (saidAway) say_("the destination is back");

@@ -5,6 +5,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
@@ -14,6 +15,7 @@
 #include "brindle_shiplistener.h"
 #include "commands.h"
 #include "destination.h"
+#include "durable_file.h"
 #include "progress.h"
 #include "ship_spool.h"
 #include "ship_writer.h"
@@ -41,15 +43,13 @@ Examples:
   brindlectl sink --spec flights.spec --ship '*:7001,7002' --stats postgresql://stage@db.example/flights
   brindlectl sink --spec flights.spec --ship 127.0.0.1:7001,7002 --once --quiet jsonl:- | jq .delay_minutes)";
 
-// Where the spool is when nothing is said.
-std::string SpoolBeside(std::string const& destination, std::string const& schemaName) {
-    for (std::string_view const kind : {"sqlite:", "csv:", "jsonl:"}) {
-        if (!destination.starts_with(kind)) continue;
-        std::string path = destination.substr(kind.size());
-        while (path.size() > 1 && path.ends_with('/')) path.pop_back();
-        return path + ".spool";
-    }
-    return schemaName + ".spool";
+// Where the spool is when nothing is said: beside a file, else in the current directory.
+std::string SpoolBeside(std::string const& destinationName, std::string const& schemaName) {
+    std::size_t const colon = destinationName.find(':');
+    if (!destinationName.starts_with("postgresql:")) return destinationName.substr(colon + 1) + ".spool";
+    std::string name = schemaName + "-" + destinationName.substr(colon + 3);
+    std::replace(name.begin(), name.end(), '/', '-');
+    return name + ".spool";
 }
 
 class SinkCommand : public Command {
@@ -91,8 +91,8 @@ void SinkCommand::Declare(CLI::App& program) {
     AddFlag("--dedupe", "Merge records that are equal in all fields; for tables only", destinationOptions_.dedupe);
     AddOptions("--drop-key", "KEY", "Leave the records of this key out, such as a heartbeat's; may be repeated",
                dropKeys_);
-    AddOption("--spool", "DIR", "Directory for what the destination has not taken yet; beside it by default",
-              spoolPath_);
+    AddOption("--spool", "DIR",
+              "Directory for what the destination has not taken yet; beside a file, else here, by default", spoolPath_);
     AddBytes("--spool-max", "Size of the spool at which servers have to wait; 4G by default", spoolBytesMax_);
     AddOption("--sequence", "FIELD",
               "The int64 field in which 'send --sequence' numbers records: none is written twice", sequenceName_);
@@ -112,7 +112,7 @@ ExitCode SinkCommand::Run() {
     destinationOptions_.stopDescriptor = signals.Descriptor();
     std::string problem;
     auto const destination = MakeDestination(destinationText_, spec_, destinationOptions_, problem);
-    if (destination == nullptr) return Fail(USAGE, "{}: {}", destinationText_, problem);
+    if (destination == nullptr) return Fail(USAGE, "{}", problem);
     brindle_ShipListener listener;
     if (ExitCode const listening = Listen(listener); listening != DONE) return listening;
     bool const isTemporary = destinationText_ == STANDARD_OUTPUT && spoolPath_.empty();
@@ -162,13 +162,14 @@ ExitCode SinkCommand::Listen(brindle_ShipListener& listener) {
 }
 
 ExitCode SinkCommand::OpenSpool(Spool& spool, bool isTemporary) {
+    std::string const name = DestinationName(destinationText_);
     if (isTemporary) {
         char const* const folder = getenv("TMPDIR");
         std::string path = fmt::format("{}/brindle-sink-XXXXXX", folder == nullptr ? "/tmp" : folder);
         if (mkdtemp(path.data()) == nullptr) return Fail(IO_ERROR, "{}: {}", path, strerror(errno));
         spoolPath_ = path;
     } else if (spoolPath_.empty()) {
-        spoolPath_ = SpoolBeside(destinationText_, spec_.name.get());
+        spoolPath_ = SpoolBeside(name, spec_.name.get());
     }
     switch (spool.Open(spoolPath_, true)) {
         case Spool::OPENED:
@@ -180,7 +181,14 @@ ExitCode SinkCommand::OpenSpool(Spool& spool, bool isTemporary) {
                         spool.Problem());
     }
     if (!spool.Problem().empty()) Warn("the spool {}", spool.Problem());
-    return DONE;
+    // What waits for one destination must not go to another.
+    std::string const ownerPath = spoolPath_ + "/destination";
+    if (auto const owner = ReadFile(ownerPath); owner.has_value() && *owner != name) {
+        return Fail(BAD_CONFIGURATION, "the spool {} is that of {}; give another directory with --spool", spoolPath_,
+                    *owner);
+    }
+    if (ReplaceFile(ownerPath, name)) return DONE;
+    return Fail(IO_ERROR, "{}: {}", ownerPath, strerror(errno));
 }
 
 ExitCode SinkCommand::Work(brindle_ShipListener& listener, Spool& spool, Destination& destination,
@@ -205,7 +213,7 @@ ExitCode SinkCommand::Work(brindle_ShipListener& listener, Spool& spool, Destina
         epoll_ctl(stop.Get(), EPOLL_CTL_ADD, refused.Get(), &event) != 0) {
         return Fail(IO_ERROR, "no descriptor for the end: {}", strerror(errno));
     }
-    if (!writer.Prepare()) return Fail(BAD_CONFIGURATION, "{}: {}", destinationText_, writer.Problem());
+    if (!writer.Prepare()) return Fail(BAD_CONFIGURATION, "{}", writer.Problem());
     std::thread receiving(&ShipReceiver::Run, &receiver, stop.Get());
     ShipWriter::Result const result = writer.Run(receiver);
     eventfd_write(refused.Get(), 1);
@@ -234,7 +242,7 @@ ExitCode SinkCommand::Report(ShipReceiver const& receiver, ShipWriter const& wri
         code = Fail(TRY_AGAIN, "{} bytes stay in {} for the next start with this destination", bytesLeft, spoolPath_);
     }
     if (result == ShipWriter::SPOOL_LOST) code = Fail(IO_ERROR, "{}: {}", spoolPath_, writer.Problem());
-    if (result == ShipWriter::REFUSED) { code = Fail(BAD_CONFIGURATION, "{}: {}", destinationText_, writer.Problem()); }
+    if (result == ShipWriter::REFUSED) { code = Fail(BAD_CONFIGURATION, "{}", writer.Problem()); }
     std::string more;
     auto const add = [&more](unsigned long count, char const* what) {
         if (count > 0) more += fmt::format(", {} {}", count, what);
