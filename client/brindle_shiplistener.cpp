@@ -1,8 +1,10 @@
 #include "brindle_shiplistener.h"
 
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "sutl_tcpsocket.h"
@@ -14,6 +16,18 @@ constexpr int PAUSE_MS = 100;  // where no descriptor is left for a connection
 
 // Places in what is polled.
 enum Place : std::uint8_t { STOP, FIRST, SECOND, SERVERS };
+
+// A server whose machine is gone says nothing any more: the system asks it after half a minute, and every ten seconds.
+void KeepAlive(int socket) {
+    int const on = 1;
+    int const idleSeconds = 30;
+    int const pauseSeconds = 10;
+    int const probes = 3;
+    setsockopt(socket, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+    setsockopt(socket, IPPROTO_TCP, TCP_KEEPIDLE, &idleSeconds, sizeof idleSeconds);
+    setsockopt(socket, IPPROTO_TCP, TCP_KEEPINTVL, &pauseSeconds, sizeof pauseSeconds);
+    setsockopt(socket, IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof probes);
+}
 
 sutl_Descriptor ListenOn(in_addr host, unsigned short port) {
     sutl_Descriptor socket = sutl_OpenTcpSocket();
@@ -51,6 +65,11 @@ brindle_ShipListener::Event brindle_ShipListener::Next(int stopDescriptor, std::
         if (turn_ < servers_.size() && servers_[turn_].frames.Take(body_)) {
             connection_ = servers_[turn_].number;
             return MESSAGE;
+        }
+        if (toTell_ > 0) {
+            --toTell_;
+            ++unheard_;
+            return CONNECTED;
         }
         if (!Wait(stopDescriptor, wait, holdBack)) return FAILED;
         if (ready_[STOP] != 0) return STOPPED;
@@ -105,15 +124,34 @@ void brindle_ShipListener::AcceptAll() {
     };
     if (ready_[FIRST] != 0) {
         if (sutl_Descriptor socket = acceptFrom(firstListener_); socket.IsOpen()) {
+            KeepAlive(socket.Get());
             servers_.push_back({std::move(socket), {}, 0});
         }
     }
     if (ready_[SECOND] != 0) {
-        if (sutl_Descriptor socket = acceptFrom(secondListener_); socket.IsOpen())
+        if (sutl_Descriptor socket = acceptFrom(secondListener_); socket.IsOpen()) {
+            KeepAlive(socket.Get());
             seconds_.push_back(std::move(socket));
+            ++toTell_;
+        }
     }
+    // Those that say nothing must not keep others out.
+    if (servers_.size() == CONNECTIONS_MAX) {
+        auto const oldest =
+            std::find_if(servers_.begin(), servers_.end() - 1, [](Server const& server) { return server.number == 0; });
+        if (oldest != servers_.end() - 1) servers_.erase(oldest);
+    }
+    if (seconds_.size() == CONNECTIONS_MAX) seconds_.erase(seconds_.begin());
     // It would be ready again at once.
     if (full) poll(nullptr, 0, PAUSE_MS);
+}
+
+std::vector<std::pair<unsigned long, std::span<unsigned char const>>> brindle_ShipListener::Open() const {
+    std::vector<std::pair<unsigned long, std::span<unsigned char const>>> open;
+    for (Server const& server : servers_) {
+        if (server.number != 0) open.emplace_back(server.number, server.frames.Rest());
+    }
+    return open;
 }
 
 // One read. True when there is something to tell.
@@ -122,9 +160,10 @@ bool brindle_ShipListener::Read(Server& server, Event& event) {
     if (result == BRINDLE_DONE) {
         if (server.number != 0) return false;
         server.number = ++connections_;
-        connection_ = server.number;
+        bool const wasTold = unheard_ > 0;
+        if (wasTold) --unheard_;
         event = CONNECTED;
-        return true;
+        return !wasTold;
     }
     int const error = errno;
     gone_ = std::move(server);

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdint>
 #include <span>
+#include <utility>
 #include <vector>
 
 #include "brindle_connection.h"
@@ -13,17 +14,17 @@
 
 // Listens for servers and receives what they ship, one after the other or several at a time. A connection to the first
 // port is read from the moment it is there, whatever comes on the second port, whose connections carry nothing: a
-// server must not wait for its consumer. A connection that never says anything is none: a probe of the port does no
+// server must not wait for its consumer. A connection that never says anything is none: a probe of a port does no
 // harm. Closes everything at its end. One thread at a time.
 class brindle_ShipListener {
  public:
     enum Event : std::uint8_t {
-        CONNECTED,  // the first bytes of a server have come
+        CONNECTED,  // a server has come: to both ports or, if not, with its first bytes
         MESSAGE,    // Body() is a message's
-        ENDED,      // of a connection that was CONNECTED: End() tells how, Body() is what has come of a last message
-        NOTHING,    // within the wait
-        STOPPED,    // the stop descriptor is readable
-        FAILED      // of the listener itself; errno
+        ENDED,    // of a connection that has said something: End() tells how, Body() is what has come of a last message
+        NOTHING,  // within the wait
+        STOPPED,  // the stop descriptor is readable
+        FAILED    // of the listener itself; errno
     };
 
     // Opens both ports; servers can connect from then on. UNKNOWN_HOST, or SYSTEM_ERROR when a port is taken.
@@ -35,9 +36,10 @@ class brindle_ShipListener {
     // Of the last event; valid until the next call of Next.
     [[nodiscard]] unsigned long Connection() const { return connection_; }  // counted from 1
     [[nodiscard]] std::span<unsigned char const> Body() const { return body_; }
-    [[nodiscard]] brindle_Result End() const {
-        return end_;
-    }  // STREAM_ENDED, STREAM_CUT, MALFORMED, SYSTEM_ERROR (errno)
+    // STREAM_ENDED, STREAM_CUT, MALFORMED or SYSTEM_ERROR (errno).
+    [[nodiscard]] brindle_Result End() const { return end_; }
+    // What has come of a last message of each connection that is still open, with its number. Valid as the above.
+    [[nodiscard]] std::vector<std::pair<unsigned long, std::span<unsigned char const>>> Open() const;
 
  private:
     static constexpr std::size_t CONNECTIONS_MAX = 16;  // more have to wait: a server has one
@@ -61,6 +63,8 @@ class brindle_ShipListener {
     std::size_t turn_ = 0;                  // of the server that is read, while it has messages
     Server gone_;                           // of the last ENDED
     unsigned long connections_ = 0;
+    unsigned long toTell_ = 0;   // connections of the second port, each of which is a server's
+    unsigned long unheard_ = 0;  // servers that were told and have not said anything
     unsigned long connection_ = 0;
     std::span<unsigned char const> body_;
     brindle_Result end_ = BRINDLE_DONE;

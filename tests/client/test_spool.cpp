@@ -69,7 +69,10 @@ TEST(Spool, KeepsItsEntriesUntilTheyAreTrimmed) {
     spool.Trim(at);
     EXPECT_EQ(ReadAll(spool), Texts{"new"});
     EXPECT_EQ(spool.Bytes(), Spool::HEADER_BYTES + 3);
-    spool.Remove();
+    std::ofstream(path + "/other");
+    spool.Remove({});
+    EXPECT_TRUE(fs::exists(path)) << "with what is not its own";
+    spool.Remove({"other"});
     EXPECT_FALSE(fs::exists(path));
 }
 

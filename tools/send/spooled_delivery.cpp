@@ -36,6 +36,8 @@ ExitCode SpooledDelivery::Open() {
                         fmt::format("the spool {}: numbers that were sent may be lost with it. Copy what you need, "
                                     "and begin a new stream with another --spool",
                                     spool_.Problem()));
+        case Spool::NO_SPOOL:
+            return Fail(BAD_CONFIGURATION, fmt::format("the spool {}", spool_.Problem()));
         case Spool::OPEN_FAILED:
             return Fail(IO_ERROR, fmt::format("the spool {}", spool_.Problem()));
     }
@@ -43,9 +45,9 @@ ExitCode SpooledDelivery::Open() {
     if (ExitCode const loaded = LoadState(); loaded != DONE) return loaded;
     if (!SaveState(false)) return Fail(IO_ERROR, fmt::format("the state cannot be written: {}", strerror(errno)));
     delivered_ = taken_;
-    lastWatch_ = Clock::now() - WATCH_PAUSE;
-    if (ExitCode const watched = Watch(); watched != DONE) return watched;
-    next_ = entries_.empty() ? spool_.End() : entries_.front().at;
+    bool isRaised = false;
+    if (ExitCode const looked = LookAtWatermark(isRaised); looked != DONE) return looked;
+    next_ = FirstNeeded();
     return DONE;
 }
 
@@ -54,7 +56,8 @@ bool SpooledDelivery::ParseEntry(std::vector<Frame>& frames, std::string& positi
     unsigned int counts[2];
     if (entry_.size() < sizeof counts) return false;
     memcpy(counts, entry_.data(), sizeof counts);
-    std::size_t const headBytes = sizeof counts + counts[0] * FRAME_FIELDS * sizeof(unsigned long) + counts[1];
+    std::size_t const headBytes =
+        sizeof counts + std::size_t{counts[0]} * FRAME_FIELDS * sizeof(unsigned long) + counts[1];
     if (entry_.size() < headBytes || counts[0] == 0) return false;
     unsigned char const* at = entry_.data() + sizeof counts;
     std::size_t bodyBytes = 0;
@@ -64,6 +67,7 @@ bool SpooledDelivery::ParseEntry(std::vector<Frame>& frames, std::string& positi
         memcpy(fields, at, sizeof fields);
         at += sizeof fields;
         frames.push_back({fields[0], fields[1], fields[2]});
+        if (fields[2] > entry_.size()) return false;
         bodyBytes += fields[2];
     }
     position.assign(reinterpret_cast<char const*>(at), counts[1]);
@@ -125,9 +129,12 @@ ExitCode SpooledDelivery::LoadState() {
                                                    path, stream_, options_.stream));
     }
     bool const isClean = json["clean"].get<bool>();
-    bool const isSame = json.value("spool", "") == spool_.Id();
+    auto const member = [&json](char const* name) {
+        return json.contains(name) && json[name].is_string() ? json[name].get<std::string>() : std::string();
+    };
+    bool const isSame = member("spool") == spool_.Id();
     // The greatest number is then known from the spool alone.
-    if (!isClean && !isSame) {
+    if (!isSame && (!isClean || !entries_.empty())) {
         return Fail(BAD_CONFIGURATION,
                     fmt::format("{}: the state belongs to another spool than {}, which may hold numbers in use; give "
                                 "that one with --spool, or begin a new stream",
@@ -136,7 +143,7 @@ ExitCode SpooledDelivery::LoadState() {
     unsigned long const next = json["next"].get<unsigned long>();
     if (next > 0) taken_ = std::max(taken_, next - 1);
     wasFinished_ = isClean;
-    if (entries_.empty() || isClean) inputPosition_ = json.value("input", "");
+    if (entries_.empty() || isClean) inputPosition_ = member("input");
     return DONE;
 }
 
@@ -165,7 +172,8 @@ ExitCode SpooledDelivery::Deliver(brindle_Message& frame, unsigned long records,
     if (taken_ == delivered_) {
         // Heartbeats alone: they need not arrive, and go in their turn.
         if (ExitCode const flushed = Flush(); flushed != DONE) return flushed;
-        if (connection_.IsOpen()) (void)connection_.Send(frame);
+        // Half a one would spoil the next frame.
+        if (connection_.IsOpen() && connection_.Send(frame) != BRINDLE_DONE) connection_.Close();
         return DONE;
     }
     std::span<unsigned char const> const bytes = frame.Frame();
@@ -207,9 +215,14 @@ ExitCode SpooledDelivery::Flush() {
 // Sends what has not been sent yet.
 ExitCode SpooledDelivery::Pump() {
     for (;;) {
-        if (entries_.empty() || entries_.back().at < next_) return DONE;
+        if (ExitCode const watched = Watch(); watched != DONE) return watched;
+        if (entries_.empty() || entries_.back().at < next_ || entries_.back().last <= watermark_) return DONE;
         if (!connection_.IsOpen()) {
             if (ExitCode const connected = link_.Connect(connection_, true); connected != DONE) return connected;
+            // What was lost before is sent now in any case.
+            hasSent_ = false;
+            bool isRaised = false;
+            if (ExitCode const looked = LookAtWatermark(isRaised); looked != DONE) return looked;
         }
         if (ExitCode const sent = SendEntry(); sent != DONE) return sent;
     }
@@ -243,9 +256,17 @@ ExitCode SpooledDelivery::SendEntry() {
 // server, and over a new one otherwise.
 ExitCode SpooledDelivery::Resend(std::string const& reason) {
     if (connection_.IsOpen() && connection_.ServerLeft()) connection_.Close();
+    bool isRaised = false;
+    if (ExitCode const looked = LookAtWatermark(isRaised); looked != DONE) return looked;
     auto const first =
         std::find_if(entries_.begin(), entries_.end(), [this](Entry const& entry) { return entry.last > watermark_; });
-    if (first == entries_.end()) return DONE;
+    if (first == entries_.end()) {
+        if (watermark_ >= delivered_ || !pending_.empty()) return DONE;
+        return Fail(BAD_CONFIGURATION,
+                    fmt::format("the destination holds stream {} up to number {}, but all up to {} had arrived at one "
+                                "before: is it another one?",
+                                stream_, watermark_, taken_));
+    }
     if (watermark_ > watermarkAtResend_) stuck_ = 0;
     watermarkAtResend_ = watermark_;
     if (++stuck_ > STUCK_MAX) {
@@ -262,13 +283,17 @@ ExitCode SpooledDelivery::Resend(std::string const& reason) {
 
 // The watermark ------------------------------------------------------------------------------------------------------
 
-// Looks at the file, and at the connection.
-ExitCode SpooledDelivery::Watch() {
-    Clock::time_point const now = Clock::now();
-    if (now - lastWatch_ < WATCH_PAUSE) return DONE;
-    lastWatch_ = now;
+// Reads the file. Raised: the sink has accepted a server since the last look.
+ExitCode SpooledDelivery::LookAtWatermark(bool& isRaised) {
+    lastWatch_ = Clock::now();
+    auto const read = ReadWatermarks(options_.watermarkPath);
     // Without a file there has been no sink yet.
-    Watermarks const file = ReadWatermarks(options_.watermarkPath).value_or(Watermarks());
+    if (!read.has_value() && errno != ENOENT && watermarkError_ != errno) {
+        watermarkError_ = errno;
+        say_(fmt::format("{}: cannot be read: {}", options_.watermarkPath,
+                         errno == EBADMSG ? "it is no watermark file" : strerror(errno)));
+    }
+    Watermarks const file = read.value_or(Watermarks());
     if (auto const own = file.streams.find(stream_); own != file.streams.end()) {
         if (own->second > taken_) {
             return Fail(BAD_CONFIGURATION,
@@ -285,11 +310,27 @@ ExitCode SpooledDelivery::Watch() {
         watermark_ = own->second;
         Trim();
     }
-    bool const isRaised = epoch_ != 0 && file.epoch != 0 && file.epoch != epoch_;
+    isRaised = file.epoch != 0 && file.epoch != epoch_;
     if (file.epoch != 0) epoch_ = file.epoch;
-    if (isRaised && hasSent_) return Resend("the sink has accepted a server anew");
+    return DONE;
+}
+
+// Looks at the file now and then, and at the connection.
+ExitCode SpooledDelivery::Watch() {
+    if (Clock::now() - lastWatch_ < WATCH_PAUSE) return DONE;
+    bool isRaised = false;
+    if (ExitCode const looked = LookAtWatermark(isRaised); looked != DONE) return looked;
+    // Without a connection there is nothing under way that could have been lost behind the server.
+    if (isRaised && hasSent_ && connection_.IsOpen()) return Resend("the sink has accepted a server anew");
     if (connection_.IsOpen() && connection_.ServerLeft()) return Resend("the server has closed the connection");
     return DONE;
+}
+
+// Of the first entry that the destination does not hold whole; the end when there is none.
+SpoolPosition SpooledDelivery::FirstNeeded() const {
+    auto const first =
+        std::find_if(entries_.begin(), entries_.end(), [this](Entry const& entry) { return entry.last > watermark_; });
+    return first == entries_.end() ? spool_.End() : first->at;
 }
 
 // The last entry stays: it tells which number comes next.

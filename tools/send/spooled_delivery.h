@@ -70,7 +70,9 @@ class SpooledDelivery : public Delivery {
     [[nodiscard]] ExitCode Flush();
     [[nodiscard]] ExitCode Pump();
     [[nodiscard]] ExitCode SendEntry();
+    [[nodiscard]] ExitCode LookAtWatermark(bool& isRaised);
     [[nodiscard]] ExitCode Watch();
+    [[nodiscard]] SpoolPosition FirstNeeded() const;
     [[nodiscard]] ExitCode Resend(std::string const& reason);
     [[nodiscard]] ExitCode AwaitWatermark(bool& reached);
     void Trim();
@@ -98,5 +100,6 @@ class SpooledDelivery : public Delivery {
     unsigned long watermarkAtResend_ = 0;
     int stuck_ = 0;  // resends in a row without progress of the watermark
     unsigned long resends_ = 0;
-    bool hasSent_ = false;  // since the start
+    bool hasSent_ = false;    // over the connection
+    int watermarkError_ = 0;  // errno of the file, told once
 };

@@ -31,9 +31,14 @@ void ShipReceiver::Run(int stopDescriptor) {
         // While bytes wait to be synced, a look that does not wait tells whether more come at once.
         auto const wait = unsyncedBytes_ > 0 && !isFull_ ? std::chrono::milliseconds(0) : LOOK_PAUSE;
         brindle_ShipListener::Event const event = listener_.Next(stopDescriptor, wait, isFull_);
-        goesOn = event == brindle_ShipListener::STOPPED ? false : TakeEvent(event);
-        goesOn = goesOn && SyncIfDue(event == brindle_ShipListener::NOTHING);
+        stopped_ = event == brindle_ShipListener::STOPPED;
+        goesOn = !stopped_ && TakeEvent(event) && SyncIfDue(event == brindle_ShipListener::NOTHING);
     }
+    // What the open connections have brought is kept like that of those which were cut.
+    for (auto const& [connection, rest] : listener_.Open()) {
+        if (error_ == 0 && !rest.empty()) (void)Append(ShipEntry::REST, connection, rest);
+    }
+    if (error_ == 0 && spool_.Bytes() > 0) (void)Append(ShipEntry::RESTARTED, 0, {});
     if (error_ == 0 && !SyncIfDue(true)) error_ = errno;
     done_.store(true);
     spool_.Interrupt();
@@ -43,7 +48,6 @@ bool ShipReceiver::TakeEvent(brindle_ShipListener::Event event) {
     switch (event) {
         case brindle_ShipListener::CONNECTED:
             ++connections_;
-            ++open_;
             if (int const error = watermarks_.RaiseEpoch(); error != 0) {
                 say_(fmt::format("the watermark file cannot be written: {}", strerror(error)));
             }
@@ -54,11 +58,11 @@ bool ShipReceiver::TakeEvent(brindle_ShipListener::Event event) {
             break;
         case brindle_ShipListener::FAILED:
             error_ = errno;
+            listenerFailed_ = true;
             return false;
         default:
             return true;
     }
-    --open_;
     switch (listener_.End()) {
         case BRINDLE_STREAM_ENDED:
             return End("");
@@ -82,7 +86,7 @@ bool ShipReceiver::Append(ShipEntry kind, unsigned long connection, std::span<un
     unsigned char header[SHIP_ENTRY_HEADER_BYTES] = {static_cast<unsigned char>(kind)};
     memcpy(header + 1, &connection, sizeof connection);
     std::span<unsigned char const> const pieces[] = {header, bytes};
-    // A server that is made to wait loses nothing: its records are in its own log.
+    // A server that is made to wait has its records in its own log.
     bool saidSo = false;
     while (!spool_.Append(pieces)) {
         if (errno != ENOSPC && errno != EDQUOT) {
@@ -91,6 +95,7 @@ bool ShipReceiver::Append(ShipEntry kind, unsigned long connection, std::span<un
         }
         if (!saidSo) say_("no room is left on the disk of the spool: the server has to wait; make room");
         saidSo = true;
+        isFull_ = true;
         pollfd stop = {stopDescriptor_, POLLIN, 0};
         if (poll(&stop, 1, static_cast<int>(LOOK_PAUSE.count())) > 0) {
             error_ = ENOSPC;

@@ -46,9 +46,12 @@ class ShipReceiver {
     // The thread's body. The spool is its own for appending until it returns.
     void Run(int stopDescriptor);
 
-    [[nodiscard]] bool IsDone() const { return done_.load(); }  // the spool does not grow any more
-    [[nodiscard]] int Error() const { return error_; }          // errno of what ended it, once it is done
-    [[nodiscard]] bool WasCut() const { return cut_; }          // a connection ended otherwise than a server ends it
+    [[nodiscard]] bool IsDone() const { return done_.load(); }    // the spool does not grow any more
+    [[nodiscard]] bool IsFull() const { return isFull_.load(); }  // the spool: servers have to wait
+    [[nodiscard]] bool WasStopped() const { return stopped_.load(); }
+    [[nodiscard]] int Error() const { return error_; }                     // errno of what ended it, once it is done
+    [[nodiscard]] bool ListenerFailed() const { return listenerFailed_; }  // that was it, and not the spool
+    [[nodiscard]] bool WasCut() const { return cut_; }  // a connection ended otherwise than a server ends it
     [[nodiscard]] unsigned long Connections() const { return connections_; }  // that have said something
 
  private:
@@ -66,8 +69,9 @@ class ShipReceiver {
     int stopDescriptor_ = -1;
     unsigned long unsyncedBytes_ = 0;
     unsigned long connections_ = 0;
-    unsigned long open_ = 0;  // of these
-    bool isFull_ = false;     // the spool: servers have to wait
+    std::atomic<bool> isFull_{false};
+    std::atomic<bool> stopped_{false};
+    bool listenerFailed_ = false;
     bool cut_ = false;
     int error_ = 0;
     std::atomic<bool> done_{false};

@@ -18,6 +18,7 @@ using std::chrono::milliseconds;
 constexpr milliseconds SPOOL_WAIT{200};  // between two looks at whether the receiver is done
 constexpr milliseconds RETRY_MIN{100};   // between two tries to open a destination that is away; doubled each time
 constexpr milliseconds RETRY_MAX{5000};
+constexpr std::chrono::seconds STOP_WAIT{10};  // for what is in the spool to be written after a signal
 constexpr milliseconds RETRIES_AT_END{10000};  // of a destination that is away when the receiver is done
 
 }  // namespace
@@ -39,6 +40,7 @@ ShipWriter::Result ShipWriter::Run(ShipReceiver const& receiver) {
     milliseconds waitedAtEnd{0};
     for (;;) {
         bool const isDone = receiver.IsDone();  // looked at first: what it appended before is seen then
+        if (isDone && receiver.WasStopped() && !lateAt_.has_value()) lateAt_ = Clock::now() + STOP_WAIT;
         if (isDone && !isOpen_ && spool_.Bytes() == 0) return DRAINED;  // and away, but not needed
         Destination::Status status = isOpen_ ? Destination::OK : OpenDestination();
         if (status == Destination::OK) {
@@ -61,8 +63,14 @@ ShipWriter::Result ShipWriter::Run(ShipReceiver const& receiver) {
             pause = std::min(2 * pause, RETRY_MAX);
             continue;
         }
-        watermarks_.Flush();
-        if (isDone && state_.position == spool_.End()) return DRAINED;
+        // A cycle that does not fit into the spool would wait for room that only its end can make.
+        if (status == Destination::OK && receiver.IsFull() && inTransaction_ && state_.position >= spool_.End()) {
+            say_("a cycle is larger than the spool; it is written in parts");
+            if (CommitOpenCycles() != Destination::OK) continue;
+        }
+        TellWatermark(watermarks_.Flush());
+        if (isDone && state_.position >= spool_.End()) return DRAINED;
+        if (isDone && isLate_) return LEFT;
         spool_.WaitFor(state_.position, SPOOL_WAIT);
     }
 }
@@ -94,12 +102,17 @@ bool ShipWriter::ParseState(std::string const& text) {
     if (!json.is_object() || !json.contains("spool") || !json.contains("streams") || !json["streams"].is_object()) {
         return false;
     }
+    auto const number = [&json](char const* name) {
+        return json.contains(name) && json[name].is_number_unsigned() ? json[name].get<unsigned long>() : 0UL;
+    };
     // The places of another spool mean nothing in this one.
     if (json["spool"] == spool_.Id()) {
-        state_.position = {json.value("segment", 0UL), json.value("offset", 0UL)};
+        state_.position = {number("segment"), number("offset")};
+        // A spool that begins anew under the same name has no such place.
+        if (state_.position.segment > spool_.End().segment) state_.position = spool_.Begin();
         spool_.Trim(state_.position);
     }
-    state_.cycles = json.value("cycles", 0UL);
+    state_.cycles = number("cycles");
     for (auto const& [name, ranges] : json["streams"].items()) {
         auto read = StreamRanges::Of(ranges.is_string() ? ranges.get<std::string>() : "?");
         if (!read.has_value()) return false;
@@ -122,7 +135,15 @@ std::string ShipWriter::StateText() const {
 void ShipWriter::Publish() {
     std::map<unsigned long, unsigned long> watermarks;
     for (auto const& [stream, ranges] : state_.streams) watermarks[stream] = ranges.Watermark();
-    watermarks_.Set(watermarks);
+    TellWatermark(watermarks_.Set(watermarks));
+}
+
+// Without the file a sender stands still, so that is said, but once.
+void ShipWriter::TellWatermark(int error) {
+    if (error != 0 && watermarkError_ == 0) {
+        say_(fmt::format("the watermark file cannot be written: {}; it is tried again", strerror(error)));
+    }
+    watermarkError_ = error;
 }
 
 // Takes all entries that are there.
@@ -135,7 +156,11 @@ Destination::Status ShipWriter::TakeEntries() {
                 return Destination::OK;
             case Spool::READ_DAMAGED:
                 say_(fmt::format("{}; what its segment holds from there on is passed over", spool_.Problem()));
-                state_.position = {state_.position.segment + 1, 0};
+                // Senders of numbered records send them again.
+                TellWatermark(watermarks_.RaiseEpoch());
+                state_.position = state_.position.segment < spool_.End().segment
+                                      ? SpoolPosition{state_.position.segment + 1, 0}
+                                      : spool_.End();
                 continue;
             case Spool::READ_FAILED:
                 spoolLost_ = true;
@@ -147,6 +172,8 @@ Destination::Status ShipWriter::TakeEntries() {
             continue;
         }
         if (Destination::Status const taken = TakeEntry(entry); taken != Destination::OK) return taken;
+        isLate_ = lateAt_.has_value() && !inTransaction_ && Clock::now() > *lateAt_;
+        if (isLate_) return Destination::OK;
     }
 }
 
@@ -165,18 +192,22 @@ Destination::Status ShipWriter::TakeEntry(ShipEntryView const& entry) {
             if (reason.empty() && cycle.begun) say_("a server ended inside a cycle; what had come is kept");
             return cycle.begun ? Commit(cycle, false) : Destination::OK;
         }
-        case ShipEntry::RESTARTED: {
-            Destination::Status status = Destination::OK;
-            while (status == Destination::OK && !cycles_.empty()) {
-                auto const first = cycles_.begin();
-                Cycle const cycle = first->second;
-                cycles_.erase(first);
-                if (cycle.begun) status = Commit(cycle, false);
-            }
-            return status;
-        }
+        case ShipEntry::RESTARTED:
+            return CommitOpenCycles();
     }
     return Destination::OK;
+}
+
+// Commits what there is of cycles that have no end yet, or never will.
+Destination::Status ShipWriter::CommitOpenCycles() {
+    Destination::Status status = Destination::OK;
+    while (status == Destination::OK && !cycles_.empty()) {
+        auto const first = cycles_.begin();
+        Cycle const cycle = first->second;
+        cycles_.erase(first);
+        if (cycle.begun) status = Commit(cycle, false);
+    }
+    return status;
 }
 
 Destination::Status ShipWriter::BeginIfNeeded() {

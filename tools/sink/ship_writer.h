@@ -4,6 +4,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -40,7 +41,7 @@ class ShipWriter {
     };
     enum Result : std::uint8_t {
         DRAINED,    // the receiver is done and everything is written
-        LEFT,       // the receiver is done, and what is left stays in the spool: the destination is away
+        LEFT,       // the receiver is done, and what is left stays in the spool: the destination is away or slow
         REFUSED,    // Problem() tells
         SPOOL_LOST  // the spool cannot be read: Problem() tells
     };
@@ -61,6 +62,8 @@ class ShipWriter {
     [[nodiscard]] unsigned long BytesLeft() const { return spool_.Bytes(); }
 
  private:
+    using Clock = std::chrono::steady_clock;
+
     // What is known of a cycle that has begun.
     struct Cycle {
         bool begun = false;
@@ -83,7 +86,9 @@ class ShipWriter {
     [[nodiscard]] Destination::Status TakeMessage(ShipEntryView const& entry, bool cut);
     [[nodiscard]] Destination::Status TakeRecord(Cycle& cycle);
     [[nodiscard]] Destination::Status Commit(Cycle const& cycle, bool isComplete);
+    [[nodiscard]] Destination::Status CommitOpenCycles();
     [[nodiscard]] Destination::Status BeginIfNeeded();
+    void TellWatermark(int error);
     [[nodiscard]] Destination::Status Refuse(std::string problem);
     [[nodiscard]] Destination::Status CheckNumber(bool& isNew);
     [[nodiscard]] bool IsDropped() const;
@@ -107,5 +112,8 @@ class ShipWriter {
     bool isOpen_ = false;  // the destination
     bool inTransaction_ = false;
     bool spoolLost_ = false;
+    std::optional<Clock::time_point> lateAt_;  // after a signal: when what is left stays in the spool
+    bool isLate_ = false;
+    int watermarkError_ = 0;  // of the last try
     std::string problem_;
 };

@@ -24,6 +24,7 @@
 namespace {
 
 constexpr char STANDARD_OUTPUT[] = "jsonl:-";
+constexpr char OWNER[] = "destination";  // the file in the spool that names what it is for
 
 constexpr char EXAMPLES[] =
     R"(Destinations, in place of the default sqlite:brindle.db:
@@ -119,7 +120,7 @@ ExitCode SinkCommand::Run() {
     Spool spool;
     if (ExitCode const opened = OpenSpool(spool, isTemporary); opened != DONE) return opened;
     ExitCode const code = Work(listener, spool, *destination, options, signals);
-    if (isTemporary) spool.Remove();
+    if (isTemporary) spool.Remove({OWNER});
     return code;
 }
 
@@ -176,13 +177,15 @@ ExitCode SinkCommand::OpenSpool(Spool& spool, bool isTemporary) {
             break;
         case Spool::IN_USE:
             return Fail(TRY_AGAIN, "the spool {}; is a sink for this destination running already?", spool.Problem());
+        case Spool::NO_SPOOL:
+            return Fail(BAD_CONFIGURATION, "the spool {}", spool.Problem());
         default:
             return Fail(IO_ERROR, "the spool {}; it stands beside the destination, or where --spool says",
                         spool.Problem());
     }
     if (!spool.Problem().empty()) Warn("the spool {}", spool.Problem());
     // What waits for one destination must not go to another.
-    std::string const ownerPath = spoolPath_ + "/destination";
+    std::string const ownerPath = spoolPath_ + "/" + OWNER;
     if (auto const owner = ReadFile(ownerPath); owner.has_value() && *owner != name) {
         return Fail(BAD_CONFIGURATION, "the spool {} is that of {}; give another directory with --spool", spoolPath_,
                     *owner);
@@ -220,7 +223,7 @@ ExitCode SinkCommand::Work(brindle_ShipListener& listener, Spool& spool, Destina
     receiving.join();
     progress.Clear();
     // A spool of which nothing is needed any more would only puzzle.
-    if (result == ShipWriter::DRAINED) spool.Remove();
+    if (result == ShipWriter::DRAINED) spool.Remove({OWNER});
     return Report(receiver, writer, result);
 }
 
@@ -237,7 +240,10 @@ ExitCode SinkCommand::Report(ShipReceiver const& receiver, ShipWriter const& wri
         Warn("no server came");
         code = UNAVAILABLE;
     }
-    if (receiver.Error() != 0) code = Fail(IO_ERROR, "the spool {}: {}", spoolPath_, strerror(receiver.Error()));
+    if (receiver.Error() != 0) {
+        code = Fail(IO_ERROR, "{}: {}", receiver.ListenerFailed() ? addressText_ : "the spool " + spoolPath_,
+                    strerror(receiver.Error()));
+    }
     if (result == ShipWriter::LEFT) {
         code = Fail(TRY_AGAIN, "{} bytes stay in {} for the next start with this destination", bytesLeft, spoolPath_);
     }

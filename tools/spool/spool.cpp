@@ -107,16 +107,23 @@ Spool::OpenResult Spool::Open(std::string const& path, bool setAside) {
     if (OpenResult const found = FindSegments(); found != OPENED) return found;
     if (!segments_.empty()) {
         if (OpenResult const checked = CheckLastSegment(setAside); checked != OPENED) return checked;
-        if (segments_.back().bytes == 0) return OPENED;
         if (!Sync()) return OpenFailed(PathOf(segments_.back().number));
     }
     // What is appended now never stands where an entry stood that has been read already and that a power cut took away.
-    unsigned long const next = segments_.empty() ? 1 : segments_.back().number + 1;
-    return StartSegment(next) ? OPENED : OpenFailed(PathOf(next));
+    return StartSegment(lastNumber_ + 1) ? OPENED : OpenFailed(PathOf(lastNumber_ + 1));
 }
 
 Spool::OpenResult Spool::LoadId() {
     std::string const path = path_ + "/id";
+    std::error_code error;
+    bool isOther = false;
+    for (auto const& file : std::filesystem::directory_iterator(path_, error)) {
+        isOther = isOther || file.path().filename() != "lock";
+    }
+    if (isOther && !std::filesystem::exists(path, error)) {
+        problem_ = fmt::format("{}: is no spool, and not empty; give a directory of its own", path_);
+        return NO_SPOOL;
+    }
     if (auto const text = ReadFile(path)) {
         id_ = *text;
         if (!id_.empty()) return OPENED;
@@ -137,7 +144,15 @@ Spool::OpenResult Spool::FindSegments() {
         unsigned long number = 0;
         auto const [end, wrong] = std::from_chars(name.data(), name.data() + name.size(), number);
         if (wrong != std::errc() || std::string_view(end) != SUFFIX) continue;
-        segments_.push_back({number, file.file_size(error)});
+        lastNumber_ = std::max(lastNumber_, number);
+        unsigned long const bytes = file.file_size(error);
+        if (!error && bytes > 0) segments_.push_back({number, bytes});
+    }
+    // An empty one holds nothing but its number, which is not used again.
+    for (unsigned long number = 1; !error && number <= lastNumber_; ++number) {
+        bool const isEmpty = std::none_of(segments_.begin(), segments_.end(),
+                                          [number](Segment const& segment) { return segment.number == number; });
+        if (isEmpty && number < lastNumber_) unlink(PathOf(number).c_str());
     }
     if (error) {
         errno = error.value();
@@ -162,7 +177,9 @@ Spool::OpenResult Spool::CheckLastSegment(bool setAside) {
     }
     if (found == Found::FAILED) return OpenFailed(path);
     if (found == Found::WHOLE) return OPENED;
-    bool const wasNeverWritten = IsZeroFrom(writing_.Get(), offset, last.bytes);
+    // A header that was written has a checksum, which is not zero.
+    bool const wasNeverWritten =
+        IsZeroFrom(writing_.Get(), offset, std::min<unsigned long>(offset + HEADER_BYTES, last.bytes));
     bool const isLast = found == Found::TORN || offset + HEADER_BYTES + entry.size() == last.bytes;
     if (!isLast && !wasNeverWritten) {
         problem_ = fmt::format("{}: damaged at byte {}", path, offset);
@@ -191,6 +208,7 @@ bool Spool::StartSegment(unsigned long number) {
     writing_ = std::move(file);
     std::lock_guard const lock(mutex_);
     segments_.push_back({number, 0});
+    lastNumber_ = number;
     return true;
 }
 
@@ -304,7 +322,16 @@ void Spool::WaitFor(SpoolPosition const& position, std::chrono::milliseconds wai
     grown_.wait_for(lock, wait);
 }
 
-void Spool::Remove() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
+void Spool::Remove(std::vector<std::string> const& names) {
+    std::error_code error;
+    for (auto const& file : std::filesystem::directory_iterator(path_, error)) {
+        std::string const name = file.path().filename().string();
+        bool const isOwn = name == "id" || name == "lock" || name.ends_with(SUFFIX) ||
+                           std::find(names.begin(), names.end(), name) != names.end();
+        if (!isOwn) return;
+    }
+    // A spool that is half gone must not be taken for one.
+    std::string const gone = fmt::format("{}.gone.{}", path_, getpid());
+    if (error || rename(path_.c_str(), gone.c_str()) != 0) return;
+    if (SyncDirectory(FolderOf(path_))) std::filesystem::remove_all(gone, error);
 }

@@ -29,6 +29,7 @@ class Spool {
     enum OpenResult : std::uint8_t {
         OPENED,
         IN_USE,       // by another process
+        NO_SPOOL,     // something else is in the directory
         DAMAGED,      // an entry that was whole once is not any more: Problem() tells where
         OPEN_FAILED,  // errno
     };
@@ -47,7 +48,8 @@ class Spool {
     Spool(Spool const&) = delete;
     Spool& operator=(Spool const&) = delete;
 
-    // Makes the directory if there is none, and goes to the end of what it holds. An entry that was being written when
+    // Makes the directory if there is none, and goes to the end of what it holds. A directory that is no spool and not
+    // empty is left alone. An entry that was being written when
     // the process or the machine ended is cut off. With `setAside` what cannot be read is no reason to give up: it
     // stays in a file with another name, which Problem() tells.
     [[nodiscard]] OpenResult Open(std::string const& path, bool setAside);
@@ -73,8 +75,9 @@ class Spool {
     void WaitFor(SpoolPosition const& position, std::chrono::milliseconds wait) const;
     void Interrupt() const { grown_.notify_all(); }
 
-    // Removes everything, the directory too; nothing may be called after it.
-    void Remove();
+    // Removes the directory, unless it holds anything but the spool's own files and those named; nothing may be called
+    // after it. Whoever is killed meanwhile leaves a directory of another name.
+    void Remove(std::vector<std::string> const& names);
 
  private:
     struct Segment {
@@ -98,6 +101,7 @@ class Spool {
     unsigned long readingNumber_ = 0;
     mutable std::mutex mutex_;
     mutable std::condition_variable grown_;
+    unsigned long lastNumber_ = 0;   // of all segments, those that were empty included
     std::vector<Segment> segments_;  // guarded by the mutex; in order, never empty once opened
     SpoolPosition trimmed_;          // guarded by the mutex
 };
