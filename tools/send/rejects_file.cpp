@@ -68,10 +68,16 @@ bool RejectsFile::Open(std::string const& path, std::vector<std::string> const& 
     }
     bytes_ = goesOn ? bytes : 0;
     isContinued_ = bytes_ > 0;
-    if (S_ISREG(own.st_mode) && (ftruncate(file_.Get(), static_cast<off_t>(bytes_)) != 0 ||
-                                 lseek(file_.Get(), static_cast<off_t>(bytes_), SEEK_SET) < 0)) {
-        return Fail(fmt::format("{}: cannot be cut to {} bytes: {}", path, bytes_, strerror(errno)));
+    mustCut_ = S_ISREG(own.st_mode);
+    return !goesOn || Replace();
+}
+
+bool RejectsFile::Replace() {
+    if (mustCut_ && (ftruncate(file_.Get(), static_cast<off_t>(bytes_)) != 0 ||
+                     lseek(file_.Get(), static_cast<off_t>(bytes_), SEEK_SET) < 0)) {
+        return Fail(fmt::format("{}: cannot be cut to {} bytes: {}", path_, bytes_, strerror(errno)));
     }
+    mustCut_ = false;
     return true;
 }
 
@@ -79,6 +85,7 @@ bool RejectsFile::Add(SendInput const& input, std::string_view reason) {
     std::string_view raw = input.Raw();
     if (input.IsJson()) {
         if (hasRows_ && !header_.empty()) return Fail(fmt::format("{}: holds rows of another format already", path_));
+        raw.remove_prefix(std::min(raw.find_first_not_of(" \t\r"), raw.size()));
         raw = WithoutLeadingMembers(raw);
         fmt::format_to(std::back_inserter(text_), R"({{"{}":{},"{}":)", LINE_NAME, input.Line(), REASON_NAME);
         AppendJson(text_, reason);
@@ -116,6 +123,7 @@ bool RejectsFile::Add(SendInput const& input, std::string_view reason) {
 
 bool RejectsFile::Flush() {
     if (text_.empty()) return true;
+    if (!Replace()) return false;
     if (sutl_FileWrite(file_.Get(), text_.data(), text_.size()) != static_cast<long>(text_.size())) {
         return Fail(fmt::format("{}: writing failed: {}", path_, strerror(errno)));
     }

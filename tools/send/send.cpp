@@ -87,6 +87,7 @@ class SendCommand : public Command {
     [[nodiscard]] ExitCode SendRows();
     [[nodiscard]] ExitCode SendRow();
     [[nodiscard]] ExitCode RejectRow(std::string_view reason);
+    [[nodiscard]] ExitCode FlushRejects();
     [[nodiscard]] ExitCode SendFrame();
     [[nodiscard]] ExitCode SendHeartbeat(Clock::time_point now);
     [[nodiscard]] ExitCode DoWhatIsDue(Clock::time_point now, bool isSilent);
@@ -242,6 +243,7 @@ ExitCode SendCommand::CheckOptions() {
     if (batchBytes_ > BATCH_BYTES_MAX) return Fail(USAGE, "--batch: at most 256M");
     if (lingerUs_ > 365 * DAY_US) return Fail(USAGE, "--linger: at most 365d");
     if (follow_ && paths_.back() == "-") return Fail(USAGE, "--follow: standard input cannot be followed; name a file");
+    if (rejectsPath_ == "-") return Fail(USAGE, "--rejects: standard output cannot take them; name a file");
     skipsErrors_ = onError_ == "skip" || (onError_.empty() && !rejectsPath_.empty());
 
     if (ExitCode const checked = CheckSequence(); checked != DONE) return checked;
@@ -454,11 +456,16 @@ void SendCommand::EndFile() {
     errorsOfFile_ = 0;
 }
 
+ExitCode SendCommand::FlushRejects() {
+    if (rejects_.IsOpen() && !rejects_.Flush()) return Fail(IO_ERROR, "{}", rejects_.Problem());
+    return DONE;
+}
+
 // Delivers the records gathered, if there are any.
 ExitCode SendCommand::SendFrame() {
     if (recordsInFrame_ == 0) return DONE;
     // The position that goes along counts on what was turned away before it.
-    if (rejects_.IsOpen() && !rejects_.Flush()) return Fail(IO_ERROR, "{}", rejects_.Problem());
+    if (ExitCode const flushed = FlushRejects(); flushed != DONE) return flushed;
     std::size_t const bytes = frame_.BodyBytes() + SUTL_FRAME_HEADER_BYTES;
     ExitCode const delivered =
         delivery_->Deliver(frame_, recordsInFrame_, input_.Position(rejects_.Bytes(), endedByRow_));
@@ -490,8 +497,10 @@ ExitCode SendCommand::SendHeartbeat(Clock::time_point now) {
     return sent;
 }
 
-// While there is a pause: sends a frame that has waited long enough, and a heartbeat when the source is silent.
+// While there is a pause: writes the rejects, sends a frame that has waited long enough, and a heartbeat when the
+// source is silent.
 ExitCode SendCommand::DoWhatIsDue(Clock::time_point now, bool isSilent) {
+    if (ExitCode const flushed = FlushRejects(); flushed != DONE) return flushed;
     if (rowsCame_) {
         rowsCame_ = false;
         silentSince_ = now;
@@ -521,7 +530,9 @@ ExitCode SendCommand::WaitUntil(Clock::time_point until, int descriptor, bool is
         if (now >= until || stopped_) return DONE;
         Clock::time_point next = std::min<Clock::time_point>(until, now + IDLE_PAUSE);
         if (recordsInFrame_ > 0) next = std::min(next, frameDue_);
-        if (isSilent && beatPause_.count() > 0 && beatNewestUs_ >= 0) next = std::min(next, silentSince_ + beatPause_);
+        if (isSilent && beatPause_.count() > 0 && beatNewestUs_ >= 0 && !dryRun_) {
+            next = std::min(next, silentSince_ + beatPause_);
+        }
         auto const left = std::max<std::chrono::nanoseconds>(next - Clock::now(), std::chrono::nanoseconds(0));
         timespec const timeout = {left.count() / 1000000000, left.count() % 1000000000};
         pollfd waited[] = {{stopSignals_->Descriptor(), POLLIN, 0}, {descriptor, POLLIN, 0}};
@@ -565,6 +576,8 @@ ExitCode SendCommand::Hold() {
 
 // Brings the last frame and the end to the delivery, and tells what was done.
 ExitCode SendCommand::Finish(ExitCode rows) {
+    // First, since holding may take long, and what comes behind may fail.
+    if (ExitCode const flushed = FlushRejects(); flushed != DONE) return flushed;
     bool const failedEarly = rows != DONE && recordsSent_ == 0 && !delivery_->IsConnected();
     if (!deliveryFailed_ && !failedEarly) {
         if (ExitCode const last = SendFrame(); last != DONE) return last;
@@ -573,7 +586,7 @@ ExitCode SendCommand::Finish(ExitCode rows) {
         }
         if (ExitCode const finished = delivery_->Finish(); finished != DONE) return finished;
     }
-    if (rejects_.IsOpen() && !rejects_.Flush()) return Fail(IO_ERROR, "{}", rejects_.Problem());
+    if (rejects_.IsOpen() && rows == DONE && !rejects_.Replace()) return Fail(IO_ERROR, "{}", rejects_.Problem());
     progress_->Clear();
     if (deliveryFailed_) return rows;
     // A server that nobody has connected to can still serve the mended file.
