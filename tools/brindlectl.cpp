@@ -1,6 +1,8 @@
 // brindlectl: the companions of the server, each a subcommand.
 
+#include <fcntl.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -53,9 +55,19 @@ Examples:
     return USAGE;
 }
 
+// A file or a connection of ours must not take the place of a standard stream that is closed. Reading the first and
+// writing the second fails as before; messages are lost.
+void FillStandardStreams() {
+    static constexpr int MODES[] = {O_WRONLY, O_RDONLY, O_WRONLY};
+    for (int i = 0; i < 3; ++i) {
+        if (fcntl(i, F_GETFD) < 0 && open("/dev/null", MODES[i]) != i) _exit(IO_ERROR);
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    FillStandardStreams();
     // A reader that leaves shows as a failed write, which is reported.
     signal(SIGPIPE, SIG_IGN);
     sutl_AbortOnAllocationFailure();
