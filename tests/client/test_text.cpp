@@ -77,6 +77,12 @@ TEST(TimeReader, ReadsTheFormatsOfSources) {
         {"auto", "", "2001-01-01", 978307200000000},
         {"%d/%b/%Y:%H:%M:%S %z", "", "01/Jan/2001:01:00:00 +0100", 978307200000000},
         {"%d.%m.%Y %H:%M:%S", "", "01.01.2001 00:00:00.1234567", 978307200123456},
+        {"%d.%m.%Y %H:%M:%S %z %%", "", "01.01.2001 01:00:00.1234567 +0100 %", 978307200123456},
+        {"%Y.%j%H%M", "", "2001.0010130", 978312600000000},
+        {"%Y.%j%H%M%S", "", "2001.001013000.0000019", 978312600000001},
+        {"%F %T %%z", "Europe/Berlin", "2001-01-01 01:00:00 %z", 978307200000000},
+        {"%F %T %z", "", "2001-01-01 00:00:00 +9999", REFUSED},
+        {"%F %T%z", "", "2001-01-01 00:00:00-0060", REFUSED},
         {"%d.%m.%Y", "", "31.02.2001", REFUSED},
         {"%d.%m.%Y", "", "01.01.2001x", REFUSED},
         {"%H:%M", "", "12:00", REFUSED},
@@ -97,6 +103,10 @@ TEST(TimeReader, ReadsTheFormatsOfSources) {
             EXPECT_EQ(timeUs, row.timeUs) << row.format << " " << row.text;
         }
     }
+    TimeReader named;
+    std::string told;
+    EXPECT_FALSE(named.Set("%F %T %Z", "", told));
+    EXPECT_NE(told.find("says a zone by name"), std::string::npos);
     // What is remembered of a zone must not be taken for other times.
     TimeReader reader;
     std::string problem;
@@ -178,6 +188,7 @@ TEST(TerminalText, HoldsNothingThatMovesTheCursor) {
         {"\xC3\xA9\xE6\x97\xA5\xC3", "\xC3\xA9\xE6\x97\xA5\\xc3"},
     };
     for (auto const& [text, shown] : rows) EXPECT_EQ(shown, ForTerminal(text));
+    EXPECT_EQ(std::string(59, 'x'), Shown(std::string(59, 'x') + "\xC3\xA9"));
 }
 
 }  // namespace

@@ -31,14 +31,18 @@ constexpr Unit UNITS[] = {{"s", SECOND_DECIMALS, "seconds"},
 
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 
-// The text without the digits beyond the sixth behind a point, which the pattern would stop at.
-std::string CutFractions(std::string_view text) {
-    std::string cut;
-    for (std::size_t i = 0, digits = 0; i < text.size(); ++i) {
-        bool const startsFraction = (text[i] == '.' || text[i] == ',') && i > 0 && IsDigit(text[i - 1]);
-        digits = startsFraction ? 1 : digits > 0 && IsDigit(text[i]) ? digits + 1 : 0;
-        if (digits <= SECOND_DECIMALS + 1) cut += text[i];
-    }
+bool IsPoint(char c) { return c == '.' || c == ','; }
+
+// The text without the digits beyond the sixth of its seconds, which the pattern would stop at. Their point has so many
+// others before it.
+std::string CutFraction(std::string_view text, std::size_t pointsBefore) {
+    std::size_t at = 0;
+    while (at < text.size() && !(IsPoint(text[at]) && pointsBefore-- == 0)) ++at;
+    std::size_t end = std::min(at + 1, text.size());
+    while (end < text.size() && IsDigit(text[end])) ++end;
+    std::string cut(text);
+    std::size_t const kept = at + 1 + static_cast<std::size_t>(SECOND_DECIMALS);
+    if (end > kept) cut.erase(kept, end - kept);
     return cut;
 }
 
@@ -122,8 +126,27 @@ struct TimeReader::Zone {
 
 struct TimeReader::Pattern {
     std::string format;
-    bool saysOffset;
+    bool saysOffset = false;
+    bool endsWithOffset = false;
+    bool hasSeconds = false;
+    std::size_t pointsBeforeSeconds = 0;
     std::istringstream stream;  // kept, since making one is dear
+
+    // False for a zone by name, which would be read and not heeded.
+    bool Look() {
+        for (std::size_t i = 0; i < format.size(); ++i) {
+            if (IsPoint(format[i]) && !hasSeconds) ++pointsBeforeSeconds;
+            if (format[i] != '%') continue;
+            ++i;
+            if (i + 1 < format.size() && (format[i] == 'E' || format[i] == 'O')) ++i;
+            char const what = i < format.size() ? format[i] : '%';
+            if (what == 'Z') return false;
+            saysOffset = saysOffset || what == 'z';
+            endsWithOffset = what == 'z' && i + 1 == format.size();
+            hasSeconds = hasSeconds || what == 'S' || what == 'T';
+        }
+        return true;
+    }
 };
 
 TimeReader::TimeReader() : expected_("neither an ISO 8601 time nor microseconds since 1970") {}
@@ -146,8 +169,12 @@ bool TimeReader::Set(std::string const& format, std::string const& zone, std::st
     } else if (format.find('%') != std::string::npos) {
         format_ = PATTERN;
         expected_ = fmt::format("no time as '{}'", format);
-        bool const saysOffset = format.find("%z") != std::string::npos || format.find("%Ez") != std::string::npos;
-        pattern_ = std::make_unique<Pattern>(Pattern{format, saysOffset, {}});
+        pattern_ = std::make_unique<Pattern>();
+        pattern_->format = format;
+        if (!pattern_->Look()) {
+            problem = fmt::format("'{}' says a zone by name; use %z for an offset, or --time-zone", format);
+            return false;
+        }
         pattern_->stream.imbue(std::locale::classic());
     } else if (!format.empty()) {
         problem = fmt::format(
@@ -196,13 +223,16 @@ bool TimeReader::ReadIso(std::string_view text, long& timeUs) {
 bool TimeReader::ReadPattern(std::string_view text, long& timeUs) {
     std::istringstream& stream = pattern_->stream;
     stream.clear();
-    stream.str(CutFractions(text));
+    stream.str(pattern_->hasSeconds ? CutFraction(text, pattern_->pointsBeforeSeconds) : std::string(text));
     LocalTime local;
     std::chrono::minutes ahead{0};
     std::string abbreviation;
     date::from_stream(stream, pattern_->format.c_str(), local, &abbreviation, &ahead);
     if (stream.fail() || stream.peek() != std::istringstream::traits_type::eof()) return false;
     if (pattern_->saysOffset) {
+        // The library takes any four digits for an offset.
+        if (std::chrono::abs(ahead) >= std::chrono::hours(24)) return false;
+        if (pattern_->endsWithOffset && text.size() > 1 && text[text.size() - 2] >= '6') return false;
         timeUs = (local.time_since_epoch() - ahead).count();
         return true;
     }
