@@ -188,37 +188,3 @@ std::string ContentHash(std::span<unsigned char const> bytes) {
     static_assert(sizeof canonical == CONTENT_BYTES);
     return {reinterpret_cast<char const*>(&canonical), sizeof canonical};
 }
-
-bool IsUtf8(std::string_view text) {
-    auto const* at = reinterpret_cast<unsigned char const*>(text.data());
-    auto const* const end = at + text.size();
-    while (at < end) {
-        if (*at < 0x80) {
-            ++at;
-            continue;
-        }
-        // The bounds of the second byte keep out the overlong, the surrogates and what lies beyond the last character.
-        int following = 0;
-        unsigned char low = 0x80;
-        unsigned char high = 0xBF;
-        if (*at >= 0xC2 && *at <= 0xDF) {
-            following = 1;
-        } else if (*at >= 0xE0 && *at <= 0xEF) {
-            following = 2;
-            if (*at == 0xE0) low = 0xA0;
-            if (*at == 0xED) high = 0x9F;
-        } else if (*at >= 0xF0 && *at <= 0xF4) {
-            following = 3;
-            if (*at == 0xF0) low = 0x90;
-            if (*at == 0xF4) high = 0x8F;
-        } else {
-            return false;
-        }
-        if (end - at <= following || at[1] < low || at[1] > high) return false;
-        for (int i = 2; i <= following; ++i) {
-            if ((at[i] & 0xC0) != 0x80) return false;
-        }
-        at += following + 1;
-    }
-    return true;
-}

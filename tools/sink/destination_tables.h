@@ -93,5 +93,3 @@ void WriteWireRecord(brindle_Message& wire, SinkRecord const& record);
 constexpr std::size_t CONTENT_BYTES = 16;
 // The XXH3 hash of 128 bits, most significant byte first.
 [[nodiscard]] std::string ContentHash(std::span<unsigned char const> bytes);
-
-[[nodiscard]] bool IsUtf8(std::string_view text);

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -9,6 +10,7 @@
 #include <cstring>
 #include <iterator>
 
+#include "durable_file.h"
 #include "file_journal.h"
 #include "record_text.h"
 #include "value_text.h"
@@ -43,6 +45,7 @@ class FileDestination : public Destination {
     unsigned long Merged() const override { return 0; }
 
  private:
+    Status MakeDirectory();
     Status CheckEmpty();
     Status CheckState(FilesState const& state);
     Status Write(File file);
@@ -81,9 +84,7 @@ Destination::Status FileDestination::Failed(std::string const& path, int error) 
 
 Destination::Status FileDestination::Open(std::string& state) {
     Close();
-    if (!paths_.directory.empty() && mkdir(paths_.directory.c_str(), DIRECTORY_MODE) != 0 && errno != EEXIST) {
-        return Fail(AWAY, fmt::format("{}: cannot be made: {}", paths_.directory, strerror(errno)));
-    }
+    if (Status const made = MakeDirectory(); made != OK) return made;
     Status status = OK;
     for (AppendedFile& file : files_) {
         std::string const problem = file.Open(status);
@@ -111,6 +112,21 @@ Destination::Status FileDestination::Open(std::string& state) {
     }
     state = committed_.state;
     return OK;
+}
+
+Destination::Status FileDestination::MakeDirectory() {
+    std::string const& path = paths_.directory;
+    if (path.empty()) return OK;
+    bool made = mkdir(path.c_str(), DIRECTORY_MODE) == 0;
+    if (!made && errno == EEXIST) return OK;
+    if (made && !SyncDirectory(FolderOf(path.substr(0, path.find_last_not_of('/') + 1)))) {
+        int const error = errno;
+        rmdir(path.c_str());  // so that the next attempt makes it durable
+        errno = error;
+        made = false;
+    }
+    if (made) return OK;
+    return Fail(errno == ENOTDIR ? REFUSED : AWAY, fmt::format("{}: cannot be made: {}", path, strerror(errno)));
 }
 
 Destination::Status FileDestination::CheckEmpty() {

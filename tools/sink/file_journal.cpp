@@ -73,7 +73,7 @@ std::string AppendedFile::Open(Destination::Status& status) {
     file_ = sutl_OpenFile(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NONBLOCK, FILE_MODE);
     struct stat about = {};
     if (!file_.IsOpen() || fstat(file_.Get(), &about) != 0) {
-        if (errno == EISDIR) status = Destination::REFUSED;
+        if (errno == EISDIR || errno == ENOTDIR) status = Destination::REFUSED;
         return fmt::format("{}: cannot be opened: {}", path_, strerror(errno));
     }
     status = Destination::REFUSED;

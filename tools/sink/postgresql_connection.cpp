@@ -12,6 +12,7 @@
 
 #include "destination_tables.h"
 #include "sutl_netorder.h"
+#include "terminal_text.h"
 
 namespace {
 

@@ -18,9 +18,10 @@ namespace {
 
 constexpr TableStyle STYLE = {
     "integer", "bigint", "double precision", "text", "timestamp with time zone", "bytea", "boolean", false, true};
-constexpr std::size_t BATCH_BYTES = 4UL << 20;        // of rows, gathered before they are copied in
-constexpr std::size_t REJECT_BYTES_MAX = 64UL << 20;  // of a record kept among the rejects
-constexpr std::size_t NAME_BYTES_MAX = 63;            // PostgreSQL cuts longer names
+constexpr std::size_t BATCH_BYTES = 4UL << 20;                           // of rows, gathered before they are copied in
+constexpr std::size_t REJECT_BYTES_MAX = 64UL << 20;                     // of a record kept among the rejects
+constexpr std::size_t REJECT_TEXT_BYTES_MAX = 2 + 2 * REJECT_BYTES_MAX;  // \\x, and two digits for each
+constexpr std::size_t NAME_BYTES_MAX = 63;                               // PostgreSQL cuts longer names
 
 long NowUs() {
     auto const now = std::chrono::system_clock::now().time_since_epoch();
@@ -421,13 +422,17 @@ Destination::Status PostgresqlDestination::Reject(unsigned long cycle, std::stri
     for (char const c : bytes.substr(0, REJECT_BYTES_MAX)) {
         fmt::format_to(std::back_inserter(text), "{:02x}", static_cast<unsigned char>(c));
     }
-    return AppendReject(cycle, reason, text);
+    std::string whole(reason);
+    if (bytes.size() > REJECT_BYTES_MAX) {
+        whole += fmt::format("; the first {} of {} bytes are kept", REJECT_BYTES_MAX, bytes.size());
+    }
+    return AppendReject(cycle, whole, text);
 }
 
 Destination::Status PostgresqlDestination::AppendReject(unsigned long cycle, std::string_view reason,
                                                         std::string_view text) {
     std::string whole(reason);
-    if (text.size() > 2 * REJECT_BYTES_MAX) {
+    if (text.size() > REJECT_TEXT_BYTES_MAX) {
         whole += fmt::format("; the first {} of {} bytes are kept", REJECT_BYTES_MAX, text.size());
         text = text.substr(0, REJECT_BYTES_MAX);
         while (!text.empty() && static_cast<unsigned char>(text.back()) >= 0x80) text.remove_suffix(1);  // a half one

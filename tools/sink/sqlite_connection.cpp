@@ -6,6 +6,7 @@
 
 #include "destination_tables.h"
 #include "sutl_netorder.h"
+#include "terminal_text.h"
 
 int SqliteStatement::Prepare(sqlite3* database, std::string const& sql) {
     sqlite3_stmt* statement = nullptr;

@@ -1,6 +1,7 @@
 #include "sqlite_destination.h"
 
 #include <fmt/format.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <chrono>
@@ -45,7 +46,6 @@ class SqliteDestination : public Destination {
     Status PrepareStatements();
     Status Execute(std::string const& sql);
     Status Prepare(SqliteStatement& statement, std::string const& sql);
-    Status StoreKey(KnownKey& key, SinkRecord const& record);
     Status RejectRecord(int result, SinkRecord const& record);
     Status InsertReject(unsigned long cycle, std::string_view reason, std::string_view text, bool isText);
     // SQLite's words for the failure of the last call.
@@ -172,6 +172,10 @@ Destination::Status SqliteDestination::Open(std::string& state) {
 Destination::Status SqliteDestination::Connect() {
     // A path that starts so has no other meaning to SQLite, such as :memory:.
     std::string const path = path_.starts_with('/') ? path_ : "./" + path_;
+    struct stat about = {};
+    if (path.ends_with('/') || (stat(path.c_str(), &about) == 0 && S_ISDIR(about.st_mode))) {
+        return Fail(REFUSED, fmt::format("{}: is a directory; give the name of a file", path_));
+    }
     sqlite3* database = nullptr;
     int const flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE;
     int const opened = sqlite3_open_v2(path.c_str(), &database, flags, nullptr);
