@@ -54,4 +54,15 @@ TEST(CsvReader, TakesRowsApart) {
     }
 }
 
+TEST(CsvReader, StopsAtAMillionValues) {
+    for (std::string const start : {"", "\"a\""}) {
+        std::string const most = start + std::string(RowBuffer::ROW_VALUES_MAX - 1, ',') + '\n';
+        std::vector<Row> const rows = ReadAll(most + ',' + most + "b\n", 4096, ',');
+        ASSERT_EQ(rows.size(), 3UL);
+        EXPECT_EQ(rows[0].size(), RowBuffer::ROW_VALUES_MAX + 1);
+        EXPECT_EQ(rows[1], (Row{"2", "BROKEN", "has more than 1,000,000 values"}));
+        EXPECT_EQ(rows[2], (Row{"3", "b"}));
+    }
+}
+
 }  // namespace

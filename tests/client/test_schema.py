@@ -20,6 +20,10 @@ class Schema(Brindlectl):
                 expect("told", {name: seen[name] for name in told}, told)
                 self.assertIn("x.spec:3:3: 'Int64'" if status else "x.spec: a record takes", tool.errors())
 
+    def test_check_refuses_names_that_json_cannot_have(self) -> None:
+        tool = self.ended(78, "schema", "check", "--json", self.file("x.spec", b"R\nint32 a\xFF\n"))
+        expect("told", json.loads(tool.out())["problems"][0]["text"], "'a\\xff' is no UTF-8, which these tools want of names")
+
     def test_guess_makes_nothing_of_what_is_no_text(self) -> None:
         for content in (b"\x7FELF\x02\x01\0\0a,b\nx,y\n", b"a,b\n" + b"\x9D\x80\n" * 3 + b"1,2\n"):
             tool = self.ended(65, "schema", "guess", self.file("program", content))

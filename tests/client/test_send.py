@@ -200,14 +200,21 @@ class Send(Brindlectl):
                  (start + b',"real":[1],"note":"n"}', "real: an array is not a float64"),
                  (start + b',"real":null,"note":"n"}', "real: '' is not a float64"),
                  (start + b',"real":1,"note":{"hex":"0"}}', "note: an object is not a string64"),
-                 (start + b',"real":1,"real":1,"note":"n"}', "the line has two members 'real'"))
+                 (start + b',"real":1,"real":1,"note":"n"}', "the line has two members 'real'"),
+                 (start + b',"real":1,"note":"n","x":' + b"[" * 1100 + b"]" * 1100 + b"}",
+                  "the line is nested deeper than 1024"),
+                 (start + b',"real":1e999,"note":"n"}', "the line has a number that is no JSON, or beyond a float64"),
+                 (start + b',"real":1,"note":"\\q"}', "the line has a string that is no JSON"),
+                 (b" \t" + start + b',"real":"\x7F\xC2\x9B","note":"n"}', "real: '\\x7f\\xc2\\x9b' is not a float64"))
         run, rejects = self.server(), self.directory / "rejects.jsonl"
-        good = start + b',"real":0.5,"note":"n"}\n'
-        path = self.file("in.jsonl", b"".join(bad + b"\n" for bad, _ in cases) + good)
-        tool = self.ended(1, *self.send(run, path), "--rejects", rejects)
-        for line, (bad, error) in enumerate(cases, 1):
-            self.assertIn(f"{path}:{line}: {error}", tool.errors())
+        good = start + b',"real":0.5,"note":"n","x":123456789012345678901}\n'
+        files = [self.file(name, b"".join(bad + b"\n" for bad, _ in part) + end) for name, part, end in (
+            ("in.jsonl", cases[:9], good), ("more.jsonl", cases[9:], b""))]
+        tool = self.ended(1, *self.send(run, *files), "--rejects", rejects)
+        for index, (bad, error) in enumerate(cases):
+            self.assertIn(f"{files[index // 9]}:{index % 9 + 1}: {error}", tool.errors())
         self.finish(run, [record("a", 0)])
+        json.loads(rejects.read_bytes().splitlines()[-1])  # blanks before the brace
         mended = rejects.read_bytes().splitlines()[6].replace(b"null", b"0.5")
         told = self.ended(0, "send", "--spec", self.spec, "--dry-run", self.file("again.jsonl", mended)).errors()
         self.assertIn("1 record would be sent in 1 frame; 0 rows rejected; 1 keys; times from 2001-01-01T00:00:00Z", told)
@@ -253,14 +260,18 @@ class Send(Brindlectl):
         self.finish(run, [record("k", offset) for offset in range(6)])
 
     def test_holds_the_server_and_brings_its_time_forward(self) -> None:
-        run = self.server()
-        send = self.tool(*self.send(run, self.file("in.csv", PLAIN + row("k", 0))), "--hold", "--heartbeat", "beat:0.2",
-                         "--json")
+        run, rejects = self.server(), self.directory / "rejects.csv"
+        rejects.write_bytes(b"older")
+        self.ended(65, *self.send(run, self.file("empty.csv", b"")), "--rejects", rejects)
+        expect("rejects, as nothing was read", rejects.read_bytes(), b"older")
+        send = self.tool(*self.send(run, self.file("in.csv", PLAIN + row("k", 0) + b"bad\n")), "--hold", "--heartbeat",
+                         "beat:0.2", "--json", "--rejects", rejects)
+        wait_until("the wrong row, while it holds", lambda: rejects.read_bytes().endswith(b",bad\n"))
         wait_until("the record, by the heartbeats alone", lambda: b"k\0" + b"\0" * 7 + b"\1" in b"".join(run.bodies))
         other = self.ended(75, *self.send(run, self.file("other.csv", PLAIN + row("k", 1))))
         self.assertIn("is serving another producer", other.errors())
         send.process.send_signal(signal.SIGINT)
-        expect("status", send.wait_end(), 0)
+        expect("status", send.wait_end(), 1)
         told = json.loads(send.out())
         expect("told", (told["records"], told["stopped"], told["heartbeats"] > 0), (1, True, True))
         expect("status of the server", run.server.wait_end(), 0)
@@ -300,6 +311,7 @@ class Send(Brindlectl):
                 (2, "'weeks' is no format of times", path, "--time-format", "weeks"),
                 (2, "--empty small=x: 'x' is not an int32", path, "--empty", "small=x"),
                 (2, "--map: 'other=x' does not begin with a field", path, "--map", "other=x"),
+                (2, "--rejects: standard output cannot take them", path, "--rejects", "-"),
                 (2, "--heartbeat: 'k' is no KEY:SECONDS", path, "--heartbeat", "k")):
             with self.subTest(error):
                 tool = self.ended(status, "send", "--spec", self.spec, "--dry-run", *arguments)

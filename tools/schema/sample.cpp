@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <unordered_map>
 
 #include "csv_reader.h"
 #include "input_bytes.h"
@@ -100,6 +101,7 @@ void FileSample::Read(std::string const& path, std::string const& format, char d
     JsonLineReader json(bytes);
     std::vector<std::string_view> row;
     std::vector<JsonMember> members;
+    std::unordered_map<std::string, std::size_t> columnOfName;  // of members
     bool hasHeader = false;
     while (rows < rowsMax) {
         RowResult const result = isJson ? json.Next(members) : csv.Next(row);
@@ -120,10 +122,9 @@ void FileSample::Read(std::string const& path, std::string const& format, char d
         } else if (isJson) {
             ++rows;
             for (JsonMember const& member : members) {
-                auto found = std::find_if(columns.begin(), columns.end(),
-                                          [&](ColumnSample const& column) { return column.Name() == member.name; });
-                if (found == columns.end()) found = columns.emplace(columns.end(), std::string(member.name));
-                found->Add(member.kind == JsonMember::NESTED ? "" : member.text, member.isString);
+                auto const [found, isNew] = columnOfName.try_emplace(std::string(member.name), columns.size());
+                if (isNew) columns.emplace_back(found->first);
+                columns[found->second].Add(member.kind == JsonMember::NESTED ? "" : member.text, member.isString);
             }
         } else if (!hasHeader) {
             hasHeader = true;

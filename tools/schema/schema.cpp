@@ -17,6 +17,7 @@
 #include "sample.h"
 #include "send_input.h"
 #include "spec_text.h"
+#include "terminal_text.h"
 #include "uts_stgbucket.h"
 #include "value_text.h"
 
@@ -96,11 +97,7 @@ ExitCode CheckCommand::Run() {
     for (SpecProblem const& problem : CheckSpec(text)) {
         Fail(BAD_CONFIGURATION, "{}:{}:{}: {}", isInput ? "standard input" : specPath_, problem.line, problem.column,
              problem.text);
-        std::string shown = problem.text;
-        // What it cites may be no UTF-8.
-        std::replace_if(
-            shown.begin(), shown.end(), [](char c) { return static_cast<signed char>(c) < 0; }, '?');
-        result["problems"].push_back({{"line", problem.line}, {"column", problem.column}, {"text", shown}});
+        result["problems"].push_back({{"line", problem.line}, {"column", problem.column}, {"text", problem.text}});
     }
     if (!result["problems"].empty()) {
         ExitCode const printed = PrintResult(result);
@@ -238,11 +235,11 @@ bool GuessCommand::LooksLikeText() const {
 // Leaves the column as it is when no name is given.
 ExitCode GuessCommand::FindColumn(std::string const& name, std::size_t& column) const {
     if (name.empty()) return DONE;
-    std::vector<std::string> names;
+    std::vector<std::string_view> names;
     for (ColumnSample const& each : sample_.columns) names.push_back(each.Name());
     auto const found = std::find(names.begin(), names.end(), name);
     if (found == names.end()) {
-        return Fail(USAGE, "{}: there is no column '{}'; the columns are: {}", path_, name, fmt::join(names, ", "));
+        return Fail(USAGE, "{}: there is no column '{}'; the columns are: {}", path_, Shown(name), ShownList(names));
     }
     column = static_cast<std::size_t>(found - names.begin());
     return DONE;

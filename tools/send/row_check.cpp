@@ -5,14 +5,11 @@
 #include <chrono>
 #include <limits>
 
+#include "terminal_text.h"
 #include "time_text.h"
 #include "value_text.h"
 
 namespace {
-
-constexpr std::size_t SHOWN_BYTES_MAX = 60;  // of a wrong value
-
-std::string_view Shown(std::string_view text) { return text.substr(0, SHOWN_BYTES_MAX); }
 
 char const* Article(suts_FieldType type) { return type == SUTS_FLOAT64 || type == SUTS_STRING64 ? "a" : "an"; }
 
@@ -66,13 +63,13 @@ bool RowCheck::Check(std::span<Cell const> cells, long& timeUs, std::vector<brin
 }
 
 bool RowCheck::CheckTime(Cell const& cell, long& timeUs) {
-    if (cell.kind == Cell::ABSENT) return Fail(fmt::format("there is no member '{}'", options_.timeColumn));
+    if (cell.kind == Cell::ABSENT) return Fail(fmt::format("there is no member '{}'", Shown(options_.timeColumn)));
     if (cell.kind == Cell::NESTED || !times_.Read(cell.text, timeUs)) {
-        return Fail(fmt::format("{}: '{}' is {}", options_.timeColumn, Shown(cell.text), times_.Expected()));
+        return Fail(fmt::format("{}: '{}' is {}", Shown(options_.timeColumn), Shown(cell.text), times_.Expected()));
     }
     if (timeUs < 0) {
-        return Fail(
-            fmt::format("{}: '{}' is before 1970, which the server refuses", options_.timeColumn, Shown(cell.text)));
+        return Fail(fmt::format("{}: '{}' is before 1970, which the server refuses", Shown(options_.timeColumn),
+                                Shown(cell.text)));
     }
     if (timeUs > latestUs_ || timeUs < earliestUs_) LookAtClock();
     if (timeUs <= latestUs_ && timeUs >= earliestUs_) return true;
@@ -81,9 +78,9 @@ bool RowCheck::CheckTime(Cell const& cell, long& timeUs) {
     return Fail(timeUs > latestUs_
                     ? fmt::format("{}: '{}' ({}) is further in the future than --max-future lets through; such a time "
                                   "would keep the server from shipping",
-                                  options_.timeColumn, Shown(cell.text), iso)
+                                  Shown(options_.timeColumn), Shown(cell.text), iso)
                     : fmt::format("{}: '{}' ({}) is further in the past than --max-past lets through",
-                                  options_.timeColumn, Shown(cell.text), iso));
+                                  Shown(options_.timeColumn), Shown(cell.text), iso));
 }
 
 bool RowCheck::CheckField(int index, Cell const& cell, brindle_Value& value) {
@@ -101,9 +98,10 @@ bool RowCheck::CheckField(int index, Cell const& cell, brindle_Value& value) {
         value = emptyValues_[i];
         return true;
     }
-    char const* const name = spec_->fieldNames[i].get();
+    std::string const name = Shown(spec_->fieldNames[i].get());
     if (cell.kind == Cell::ABSENT) {
-        return Fail(fmt::format("there is no member '{}'; --empty {}=VALUE gives it a value", field.column, name));
+        return Fail(
+            fmt::format("there is no member '{}'; --empty {}=VALUE gives it a value", Shown(field.column), name));
     }
     if (cell.kind == Cell::NESTED) {
         return Fail(fmt::format("{}: an {} is not {} {}", name, cell.text == "[" ? "array" : "object", Article(type),

@@ -1,13 +1,14 @@
 #include "send_input.h"
 
 #include <fmt/format.h>
-#include <fmt/ranges.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <nlohmann/json.hpp>
+
+#include "terminal_text.h"
 
 namespace {
 
@@ -30,6 +31,16 @@ std::string FormatOfPath(std::string_view path, std::string const& chosen) {
     if (path.ends_with(".tsv") || path.ends_with(".tab")) return "tsv";
     if (path.ends_with(".jsonl") || path.ends_with(".ndjson")) return "jsonl";
     return "csv";
+}
+
+void SendInput::Set(Options options) {
+    options_ = std::move(options);
+    std::vector<std::string> const& columns = options_.columns;
+    nextOfName_.assign(columns.size(), NOT_WANTED);
+    for (std::size_t i = columns.size(); i-- > 0;) {
+        auto const [first, isNew] = wantedOfName_.try_emplace(columns[i], i);
+        if (!isNew) nextOfName_[i] = std::exchange(first->second, i);
+    }
 }
 
 SendInput::Result SendInput::Next() {
@@ -95,11 +106,11 @@ bool SendInput::FindColumns() {
         auto const found = std::find(row_.begin(), row_.end(), name);
         if (found == row_.end()) {
             Fail(BAD_INPUT, fmt::format("{}:{}: there is no column '{}'; the columns are: {}", name_, csv_->Line(),
-                                        name, fmt::join(row_, ", ")));
+                                        Shown(name), ShownList(row_)));
             return false;
         }
         if (std::find(found + 1, row_.end(), name) != row_.end()) {
-            Fail(BAD_INPUT, fmt::format("{}:{}: there are two columns '{}'", name_, csv_->Line(), name));
+            Fail(BAD_INPUT, fmt::format("{}:{}: there are two columns '{}'", name_, csv_->Line(), Shown(name)));
             return false;
         }
         columns_.push_back(static_cast<std::size_t>(found - row_.begin()));
@@ -132,18 +143,14 @@ SendInput::Result SendInput::NextJson() {
     for (std::size_t i = 0; i < members_.size(); ++i) {
         JsonMember const& member = members_[i];
         if (namesOfMembers_[i] != member.name) {
-            auto const wanted = std::find(options_.columns.begin(), options_.columns.end(), member.name);
-            wantedOfMember_[i] = wanted == options_.columns.end()
-                                     ? NOT_WANTED
-                                     : static_cast<std::size_t>(wanted - options_.columns.begin());
+            auto const wanted = wantedOfName_.find(member.name);
+            wantedOfMember_[i] = wanted == wantedOfName_.end() ? NOT_WANTED : wanted->second;
             namesOfMembers_[i] = member.name;
         }
-        if (wantedOfMember_[i] == NOT_WANTED) continue;
         // One column may be wanted more than once.
-        for (std::size_t wanted = wantedOfMember_[i]; wanted < cells_.size(); ++wanted) {
-            if (wanted != wantedOfMember_[i] && options_.columns[wanted] != member.name) continue;
+        for (std::size_t wanted = wantedOfMember_[i]; wanted != NOT_WANTED; wanted = nextOfName_[wanted]) {
             if (cells_[wanted].kind != Cell::ABSENT) {
-                return Fail(BROKEN_ROW, fmt::format("the line has two members '{}'", member.name));
+                return Fail(BROKEN_ROW, fmt::format("the line has two members '{}'", Shown(member.name)));
             }
             cells_[wanted] = {member.text, member.kind == JsonMember::NESTED ? Cell::NESTED : Cell::TEXT};
         }

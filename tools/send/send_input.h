@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -49,7 +50,7 @@ class SendInput {
         BAD_POSITION
     };
 
-    void Set(Options options) { options_ = std::move(options); }
+    void Set(Options options);
 
     // Takes a text that Position gave: the next row is the one behind that position. False, and Problem(), when the
     // files are not what they were. An earlier run that was finished does not ask for the same files.
@@ -120,6 +121,8 @@ class SendInput {
     std::vector<JsonMember> members_;
     std::vector<std::size_t> wantedOfMember_;  // by its place in the last object: which column, or none
     std::vector<std::string> namesOfMembers_;  // the same: its name
+    std::unordered_map<std::string_view, std::size_t> wantedOfName_;  // the first of these wanted columns
+    std::vector<std::size_t> nextOfName_;  // per wanted column: the next of its name, or none
     std::vector<Cell> cells_;
     unsigned long bytesBefore_ = 0;  // of the files before the current one
     std::string problem_;

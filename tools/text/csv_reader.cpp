@@ -6,6 +6,7 @@
 namespace {
 
 constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
+constexpr char TOO_MANY[] = "has more than 1,000,000 values";
 
 char const* Find(char const* from, char const* end, char wanted) {
     auto const* const found = static_cast<char const*>(memchr(from, wanted, static_cast<std::size_t>(end - from)));
@@ -119,6 +120,7 @@ RowResult CsvReader::Split(std::vector<std::string_view>& values) {
     if (!mayQuote) {
         for (;;) {
             char const* const past = Find(at, end, delimiter_);
+            if (values.size() == RowBuffer::ROW_VALUES_MAX) return Break(TOO_MANY);
             values.emplace_back(at, past - at);
             if (past == end) return RowResult::ROW;
             at = past + 1;
@@ -128,6 +130,7 @@ RowResult CsvReader::Split(std::vector<std::string_view>& values) {
     unquoted_.clear();
     unquoted_.reserve(raw_.size());
     for (;;) {
+        if (values.size() == RowBuffer::ROW_VALUES_MAX) return Break(TOO_MANY);
         if (at < end && *at == '"') {
             char const* first = ++at;
             std::size_t const copied = unquoted_.size();

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cstring>
+#include <nlohmann/json.hpp>
 
 namespace {
 
@@ -100,8 +101,23 @@ RowResult JsonLineReader::Parse(std::vector<JsonMember>& members, std::size_t by
     bytes_.reserve(raw_.size());  // so that views of it stay where they are
     // Walking a line that is no JSON to its end would lead beyond it.
     simdjson::error_code const checked = parser_->whole.parse(raw_.data(), raw_.size(), false).error();
-    if (checked == simdjson::UTF8_ERROR) return Break("is no UTF-8");
-    if (checked != simdjson::SUCCESS) return Break("is no JSON object");
+    switch (checked) {
+        case simdjson::SUCCESS:
+            break;
+        case simdjson::UTF8_ERROR:
+            return Break("is no UTF-8");
+        case simdjson::DEPTH_ERROR:
+            return Break("is nested deeper than 1024");
+        case simdjson::STRING_ERROR:
+        case simdjson::UNESCAPED_CHARS:
+            return Break("has a string that is no JSON");
+        case simdjson::NUMBER_ERROR:
+            // A whole number beyond 64 bits is no fault here: a float64 takes it, and other members do not matter.
+            if (nlohmann::json::accept(raw_)) break;
+            return Break("has a number that is no JSON, or beyond a float64");
+        default:
+            return Break("is no JSON object");
+    }
     ondemand::document document;
     simdjson::padded_string_view const padded(raw_.data(), raw_.size(), raw_.size() + bytesBehind);
     ondemand::object object;
@@ -159,6 +175,7 @@ RowResult JsonLineReader::Parse(std::vector<JsonMember>& members, std::size_t by
                 member.kind = JsonMember::NESTED;
                 break;
         }
+        if (members.size() == RowBuffer::ROW_VALUES_MAX) return Break("has more than 1,000,000 members");
         members.push_back(member);
     }
     return RowResult::ROW;

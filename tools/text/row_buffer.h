@@ -22,6 +22,7 @@ enum class RowResult : std::uint8_t {
 class RowBuffer {
  public:
     static constexpr std::size_t ROW_BYTES_MAX = 64UL * 1024 * 1024;
+    static constexpr std::size_t ROW_VALUES_MAX = 1000000;  // each takes more memory than its byte in the row
 
     explicit RowBuffer(ByteSource& source) : source_(source) {}
 

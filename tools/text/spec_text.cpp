@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+#include "terminal_text.h"
+
 namespace {
 
 constexpr std::string_view DELIMITERS = " \t\r\n";
@@ -70,12 +72,19 @@ std::vector<SpecProblem> CheckSpec(std::string_view text) {
         if (token.cut)
             add(token, "the server cuts a line after 3,999 bytes, here inside a word; break the line before");
     }
+    // The server takes any bytes, but in JSON a name must be a text.
+    auto const checkText = [&add](Token const& name) {
+        if (!IsUtf8(name.text)) {
+            add(name, fmt::format("'{}' is no UTF-8, which these tools want of names", Shown(name.text)));
+        }
+    };
+    checkText(tokens[0]);
     if (tokens.size() == 1) add(tokens[0], "the schema has no field; the first one, the key, is needed");
     std::vector<std::string_view> names;
     for (std::size_t i = 1; i < tokens.size(); i += 2) {
         Token const& type = tokens[i];
         if (std::find(std::begin(TYPES), std::end(TYPES), type.text) == std::end(TYPES)) {
-            add(type, fmt::format("'{}' is no type; the types are {}{}", type.text, fmt::join(TYPES, ", "),
+            add(type, fmt::format("'{}' is no type; the types are {}{}", Shown(type.text), fmt::join(TYPES, ", "),
                                   Meant(type.text)));
             return problems;  // what follows may be shifted
         }
@@ -85,8 +94,9 @@ std::vector<SpecProblem> CheckSpec(std::string_view text) {
         }
         Token const& name = tokens[i + 1];
         if (std::find(names.begin(), names.end(), name.text) != names.end()) {
-            add(name, fmt::format("two fields are called '{}'", name.text));
+            add(name, fmt::format("two fields are called '{}'", Shown(name.text)));
         }
+        checkText(name);
         names.push_back(name.text);
     }
     return problems;

@@ -16,6 +16,8 @@ namespace {
 constexpr std::size_t USUAL_COLUMNS = 80;
 constexpr std::size_t COLUMNS_MIN = 20;
 constexpr std::size_t COLUMNS_MAX = 1000;
+constexpr std::size_t SHOWN_BYTES_MAX = 60;
+constexpr std::size_t SHOWN_TEXTS_MAX = 20;
 constexpr char32_t NO_CHARACTER = 0xFFFFFFFF;
 
 unsigned char At(std::string_view text, std::size_t index) { return static_cast<unsigned char>(text[index]); }
@@ -71,6 +73,58 @@ std::string ForTerminal(std::string_view text) {
         text.remove_prefix(bytes);
     }
     return shown;
+}
+
+bool IsUtf8(std::string_view text) {
+    auto const* at = reinterpret_cast<unsigned char const*>(text.data());
+    auto const* const end = at + text.size();
+    while (at < end) {
+        if (*at < 0x80) {
+            ++at;
+            continue;
+        }
+        // The bounds of the second byte keep out the overlong, the surrogates and what lies beyond the last character.
+        int following = 0;
+        unsigned char low = 0x80;
+        unsigned char high = 0xBF;
+        if (*at >= 0xC2 && *at <= 0xDF) {
+            following = 1;
+        } else if (*at >= 0xE0 && *at <= 0xEF) {
+            following = 2;
+            if (*at == 0xE0) low = 0xA0;
+            if (*at == 0xED) high = 0x9F;
+        } else if (*at >= 0xF0 && *at <= 0xF4) {
+            following = 3;
+            if (*at == 0xF0) low = 0x90;
+            if (*at == 0xF4) high = 0x8F;
+        } else {
+            return false;
+        }
+        if (end - at <= following || at[1] < low || at[1] > high) return false;
+        for (int i = 2; i <= following; ++i) {
+            if ((at[i] & 0xC0) != 0x80) return false;
+        }
+        at += following + 1;
+    }
+    return true;
+}
+
+std::string Shown(std::string_view text) {
+    std::size_t kept = 0;
+    for (std::size_t bytes = 0; kept < text.size(); kept += bytes) {
+        FirstOf(text.substr(kept), bytes);
+        if (kept + bytes > SHOWN_BYTES_MAX) break;
+    }
+    return ForTerminal(text.substr(0, kept));
+}
+
+std::string ShownList(std::span<std::string_view const> texts) {
+    std::string list;
+    for (std::string_view const text : texts.first(std::min(texts.size(), SHOWN_TEXTS_MAX))) {
+        list += (list.empty() ? "" : ", ") + Shown(text);
+    }
+    if (texts.size() > SHOWN_TEXTS_MAX) list += fmt::format(" and {} more", texts.size() - SHOWN_TEXTS_MAX);
+    return list;
 }
 
 std::size_t WidthOf(std::string_view text) {
