@@ -210,7 +210,7 @@ class Send(Brindlectl):
         good = start + b',"real":0.5,"note":"n","x":123456789012345678901}\n'
         files = [self.file(name, b"".join(bad + b"\n" for bad, _ in part) + end) for name, part, end in (
             ("in.jsonl", cases[:9], good), ("more.jsonl", cases[9:], b""))]
-        tool = self.ended(1, *self.send(run, *files), "--rejects", rejects)
+        tool = self.ended(1, *self.send(run, files[0]), files[1], "--rejects", rejects)
         for index, (bad, error) in enumerate(cases):
             self.assertIn(f"{files[index // 9]}:{index % 9 + 1}: {error}", tool.errors())
         self.finish(run, [record("a", 0)])

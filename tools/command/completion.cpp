@@ -65,60 +65,98 @@ std::string Names(std::vector<Entry> const& entries) {
     return names;
 }
 
-using Verbs = std::vector<CLI::App const*>;
+// A command, or one that stands within another.
+struct Verb {
+    std::string path;  // the names of all, such as "schema check"
+    CLI::App const* app;
+    std::vector<Verb> inner;
+};
+using Verbs = std::vector<Verb>;
+
+Verbs VerbsOf(CLI::App const& app, std::string const& path = "") {
+    Verbs verbs;
+    for (CLI::App const* const verb : app.get_subcommands([](CLI::App const*) { return true; })) {
+        std::string const own = path.empty() ? verb->get_name() : path + ' ' + verb->get_name();
+        verbs.push_back({own, verb, VerbsOf(*verb, own)});
+    }
+    return verbs;
+}
 
 std::string VerbNames(Verbs const& verbs) {
     std::string names;
-    for (CLI::App const* const verb : verbs) names += (names.empty() ? "" : " ") + verb->get_name();
+    for (Verb const& verb : verbs) names += (names.empty() ? "" : " ") + verb.app->get_name();
     return names;
 }
 
-std::string ForBash(CLI::App const& program, Verbs const& verbs) {
-    std::string script =
-        "_brindlectl() {\n"
-        "    local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD-1]} verb= i\n"
-        "    COMPREPLY=()\n"
-        "    for ((i = 1; i < COMP_CWORD; ++i)); do\n"
-        "        case ${COMP_WORDS[i]} in -*) ;; *) verb=${COMP_WORDS[i]}; break ;; esac\n"
-        "    done\n"
-        "    local words=\n"
-        "    case $verb,$before in\n";
-    for (CLI::App const* const verb : verbs) {
-        for (Entry const& entry : OptionsOf(*verb)) {
+// What goes on with a further name, and what each offers.
+void AppendForBash(std::string& longer, std::string& offers, Verbs const& verbs) {
+    for (Verb const& verb : verbs) {
+        for (Entry const& entry : OptionsOf(*verb.app)) {
             if (!entry.takesValue) continue;
-            script += fmt::format("    {},{}) words={} ;;\n", verb->get_name(), entry.name,
+            offers += fmt::format("    {}) words={} ;;\n", Quoted(verb.path + ',' + entry.name),
                                   Quoted(fmt::format("{}", fmt::join(entry.choices, " "))));
         }
+        std::string const names = VerbNames(verb.inner) + (verb.inner.empty() ? "" : " ");
+        offers +=
+            fmt::format("    {},*) words={} ;;\n", Quoted(verb.path), Quoted(names + Names(OptionsOf(*verb.app))));
+        if (!verb.inner.empty()) {
+            longer += fmt::format("        {}) verb=\"$verb ${{COMP_WORDS[i]}}\" ;;\n", Quoted(verb.path));
+        }
+        AppendForBash(longer, offers, verb.inner);
     }
-    for (CLI::App const* const verb : verbs) {
-        script += fmt::format("    {},*) words={} ;;\n", verb->get_name(), Quoted(Names(OptionsOf(*verb))));
-    }
-    script += fmt::format("    *) words={} ;;\n", Quoted(VerbNames(verbs) + " " + Names(OptionsOf(program))));
-    script +=
-        "    esac\n"
-        "    if [[ $verb && $word != -* && $words == --* ]]; then words=; fi\n"
-        "    mapfile -t COMPREPLY < <(compgen -W \"$words\" -- \"$word\")\n"
-        "}\n"
-        "complete -o default -F _brindlectl brindlectl\n";
-    return script;
 }
 
-std::string ForZsh(Verbs const& verbs) {
-    std::string script = "#compdef brindlectl\n_brindlectl() {\n    local -a verbs=(\n";
-    auto const escaped = [](std::string text, std::string_view special) {
-        for (std::size_t at = 0; (at = text.find_first_of(special, at)) != std::string::npos; at += 2) {
-            text.insert(at, "\\");
-        }
-        return text;
-    };
-    for (CLI::App const* const verb : verbs) {
-        script += "        " + Quoted(verb->get_name() + ":" + escaped(verb->get_description(), ":")) + "\n";
+std::string ForBash(CLI::App const& program, Verbs const& verbs) {
+    std::string longer;
+    std::string offers;
+    AppendForBash(longer, offers, verbs);
+    return "_brindlectl() {\n"
+           "    local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD-1]} verb= i\n"
+           "    COMPREPLY=()\n"
+           "    for ((i = 1; i < COMP_CWORD; ++i)); do\n"
+           "        case ${COMP_WORDS[i]} in -*) continue ;; esac\n"
+           "        case $verb in\n"
+           "        '') verb=${COMP_WORDS[i]} ;;\n" +
+           longer +
+           "        *) break ;;\n"
+           "        esac\n"
+           "    done\n"
+           "    local words=\n"
+           "    case $verb,$before in\n" +
+           offers + fmt::format("    ,*) words={} ;;\n", Quoted(VerbNames(verbs) + " " + Names(OptionsOf(program)))) +
+           "    esac\n"
+           "    if [[ $verb && $word != -* && $words == --* ]]; then words=; fi\n"
+           "    mapfile -t COMPREPLY < <(compgen -W \"$words\" -- \"$word\")\n"
+           "}\n"
+           "complete -o default -F _brindlectl brindlectl\n";
+}
+
+std::string Escaped(std::string text, std::string_view special) {
+    for (std::size_t at = 0; (at = text.find_first_of(special, at)) != std::string::npos; at += 2) {
+        text.insert(at, "\\");
     }
-    script += "    )\n    if ((CURRENT == 2)); then _describe command verbs; return; fi\n    case $words[2] in\n";
-    for (CLI::App const* const verb : verbs) {
-        script += fmt::format("    {}) _arguments", verb->get_name());
-        for (Entry const& entry : OptionsOf(*verb)) {
-            std::string line = entry.name + "[" + escaped(entry.description, "[]:\\") + "]";
+    return text;
+}
+
+// Offers the verbs as the word of this index, and behind it what goes with each.
+void AppendForZsh(std::string& script, Verbs const& verbs, int index) {
+    script += "    verbs=(\n";
+    for (Verb const& verb : verbs) {
+        script += "        " + Quoted(verb.app->get_name() + ":" + Escaped(verb.app->get_description(), ":")) + "\n";
+    }
+    script += fmt::format(
+        "    )\n    if ((CURRENT == {0})); then _describe command verbs; return; fi\n    case $words[{0}] in\n", index);
+    for (Verb const& verb : verbs) {
+        script += fmt::format("    {})", verb.app->get_name());
+        if (!verb.inner.empty()) {
+            script += '\n';
+            AppendForZsh(script, verb.inner, index + 1);
+            script += "    ;;\n";
+            continue;
+        }
+        script += " _arguments";
+        for (Entry const& entry : OptionsOf(*verb.app)) {
+            std::string line = entry.name + "[" + Escaped(entry.description, "[]:\\") + "]";
             if (entry.takesValue) {
                 line +=
                     entry.choices.empty() ? ":value:_files" : fmt::format(":value:({})", fmt::join(entry.choices, " "));
@@ -127,18 +165,33 @@ std::string ForZsh(Verbs const& verbs) {
         }
         script += " \\\n        '*:file:_files' ;;\n";
     }
-    script += "    esac\n}\n_brindlectl \"$@\"\n";
-    return script;
+    script += "    esac\n";
 }
 
-std::string ForFish(Verbs const& verbs) {
-    std::string script = fmt::format("set -l verbs {}\n", VerbNames(verbs));
-    for (CLI::App const* const verb : verbs) {
-        script += fmt::format("complete -c brindlectl -f -n \"not __fish_seen_subcommand_from $verbs\" -a {} -d {}\n",
-                              verb->get_name(), Quoted(verb->get_description()));
-        for (Entry const& entry : OptionsOf(*verb)) {
-            script += fmt::format("complete -c brindlectl -n \"__fish_seen_subcommand_from {}\" -l {} -d {}",
-                                  verb->get_name(), entry.name.substr(2), Quoted(entry.description));
+std::string ForZsh(Verbs const& verbs) {
+    std::string script = "#compdef brindlectl\n_brindlectl() {\n    local -a verbs\n";
+    AppendForZsh(script, verbs, 2);
+    return script + "}\n_brindlectl \"$@\"\n";
+}
+
+// Each where the condition holds, which is empty or ends in "; and ".
+void AppendForFish(std::string& script, Verbs const& verbs, std::string const& where) {
+    std::string const names = VerbNames(verbs);
+    std::string groups;  // those that have inner ones, whose names may be the same as others'
+    for (Verb const& verb : verbs) groups += verb.inner.empty() ? "" : ' ' + verb.app->get_name();
+    for (Verb const& verb : verbs) {
+        std::string const& name = verb.app->get_name();
+        script += fmt::format("complete -c brindlectl -f -n \"{}not __fish_seen_subcommand_from {}\" -a {} -d {}\n",
+                              where, names, name, Quoted(verb.app->get_description()));
+        std::string here = fmt::format("{}__fish_seen_subcommand_from {}", where, name);
+        if (!verb.inner.empty()) {
+            AppendForFish(script, verb.inner, here + "; and ");
+            continue;
+        }
+        if (!groups.empty()) here += "; and not __fish_seen_subcommand_from" + groups;
+        for (Entry const& entry : OptionsOf(*verb.app)) {
+            script += fmt::format("complete -c brindlectl -n \"{}\" -l {} -d {}", here, entry.name.substr(2),
+                                  Quoted(entry.description));
             if (entry.takesValue) script += " -r";
             if (!entry.choices.empty()) {
                 script += " -f -a " + Quoted(fmt::format("{}", fmt::join(entry.choices, " ")));
@@ -146,6 +199,11 @@ std::string ForFish(Verbs const& verbs) {
             script += "\n";
         }
     }
+}
+
+std::string ForFish(Verbs const& verbs) {
+    std::string script;
+    AppendForFish(script, verbs, "");
     return script;
 }
 
@@ -158,7 +216,7 @@ class CompletionCommand : public Command {
     }
 
     ExitCode Run() override {
-        Verbs const verbs = std::as_const(*program_).get_subcommands([](CLI::App const*) { return true; });
+        Verbs const verbs = VerbsOf(*program_);
         std::string script;
         if (shell_ == "bash") script = ForBash(*program_, verbs);
         if (shell_ == "zsh") script = ForZsh(verbs);
