@@ -26,11 +26,15 @@ ExitCode Run(int argc, char** argv) {
     program.failure_message([](CLI::App const* failed, CLI::Error const& error) {
         // Where a command is asked for, a word that is none stands among what was left over.
         CLI::App const* last = failed;
-        while (!last->get_subcommands().empty()) last = last->get_subcommands().front();
+        std::string name = "brindlectl";
+        while (!last->get_subcommands().empty()) {
+            last = last->get_subcommands().front();
+            name += ' ' + last->get_name();
+        }
         std::vector<std::string> const rest = failed->remaining(true);
         bool const isNoCommand =
             last->get_require_subcommand_min() > 0 && !rest.empty() && !rest.front().starts_with('-');
-        return fmt::format("brindlectl: {}\nRun brindlectl --help, or brindlectl COMMAND --help.\n",
+        return fmt::format("{}: {}\nRun brindlectl --help, or brindlectl COMMAND --help.\n", name,
                            isNoCommand ? fmt::format("'{}' is no command", rest.front()) : error.what());
     });
     program.footer(
