@@ -30,6 +30,13 @@ class Schema(Brindlectl):
             expect("schema", tool.out(), "")
             self.assertIn("program: these are no rows of text", tool.errors())
 
+    def test_guess_warns_of_what_send_would_not_take(self) -> None:
+        for content, warning in ((b"a;b\n1;2\n", "there is one column, 'a;b'; perhaps --delimiter ';' is needed"),
+                                 (b"a,b,a\n1,2,3\n", "two columns are called 'a', and send takes neither")):
+            told = self.ended(0, "schema", "guess", self.file("data.csv", content)).errors()
+            self.assertIn(warning, told)
+            self.assertNotIn("--map", told)
+
     def test_guess_makes_what_send_takes(self) -> None:
         csv = "id,ts,device,count,wide,level,sparse\n" + "".join(
             f"{n},{1700000000 + n}.5,dev{n % 3},{n},{2**40 + n},{n}.25,{n if n % 2 else ''}\n" for n in range(9))

@@ -311,6 +311,13 @@ class Send(Brindlectl):
                 (2, "'weeks' is no format of times", path, "--time-format", "weeks"),
                 (2, "--empty small=x: 'x' is not an int32", path, "--empty", "small=x"),
                 (2, "--map: 'other=x' does not begin with a field", path, "--map", "other=x"),
+                (65, "whose window is too large", self.file("window.zst", b"\x28\xB5\x2F\xFD\x00\xA8" + bytes(9))),
+                (0, "1 record would", self.file("skip.zst", b"\x50\x2A\x4D\x18\1\0\0\0x" + zstd(PLAIN + row("k", 0)))),
+                (2, "--delimiter: 'x' is no single byte", path, "--delimiter", "x"),
+                (2, "x.tsv is read as tsv; add --format csv", "x.tsv", "--delimiter", ";"),
+                (2, "--map: 'small=' names no column", path, "--map", "small="),
+                (2, "--map: 'small=b' is the second one", path, "--map", "small=a", "--map", "small=b"),
+                (2, "brindlectl send: --rate: ", path, "--rate", "x"),
                 (2, "--rejects: standard output cannot take them", path, "--rejects", "-"),
                 (2, "--heartbeat: 'k' is no KEY:SECONDS", path, "--heartbeat", "k")):
             with self.subTest(error):

@@ -158,6 +158,7 @@ class GuessCommand : public Command {
     [[nodiscard]] std::size_t GuessTime() const;
     [[nodiscard]] std::size_t GuessKey(std::size_t time) const;
     [[nodiscard]] std::vector<std::string> FieldNames(std::size_t time) const;
+    void WarnOfColumns() const;
     void Advise(std::size_t time, std::size_t key, std::vector<std::size_t> const& order,
                 std::vector<std::string> const& names) const;
 
@@ -183,12 +184,11 @@ void GuessCommand::Declare(CLI::App& program) {
 }
 
 ExitCode GuessCommand::Run() {
-    if (delimiter_ == "\\t" || delimiter_ == "tab") delimiter_ = "\t";
-    if (delimiter_.size() > 1 || delimiter_.find_first_of("\"\r\n") != std::string::npos) {
-        return Fail(USAGE, "--delimiter: '{}' is no single character that can divide values", delimiter_);
+    char delimiter = ',';
+    if (!ReadDelimiter(delimiter_, delimiter)) {
+        return Fail(USAGE, "--delimiter: '{}' is no single byte that can divide values", delimiter_);
     }
-    sample_.Read(path_, FormatOfPath(path_, format_), delimiter_.empty() ? ',' : delimiter_[0],
-                 static_cast<unsigned long>(rowsMax_));
+    sample_.Read(path_, FormatOfPath(path_, format_), delimiter, static_cast<unsigned long>(rowsMax_));
     if (!sample_.problem.empty()) return Fail(sample_.isUnreadable ? IO_ERROR : BAD_DATA, "{}", sample_.problem);
     if (!LooksLikeText()) {
         return Fail(BAD_DATA,
@@ -196,6 +196,7 @@ ExitCode GuessCommand::Run() {
                     "another --format or --delimiter needed?",
                     path_);
     }
+    WarnOfColumns();
     std::size_t time = GuessTime();
     if (ExitCode const found = FindColumn(time_, time); found != DONE) return found;
     std::size_t key = GuessKey(time);
@@ -230,6 +231,21 @@ bool GuessCommand::LooksLikeText() const {
         if (std::any_of(column.Name().begin(), column.Name().end(), isStrange)) return false;
     }
     return 2 * sample_.brokenRows <= sample_.rows;
+}
+
+void GuessCommand::WarnOfColumns() const {
+    std::vector<std::string_view> names;
+    for (ColumnSample const& column : sample_.columns) names.push_back(column.Name());
+    std::size_t const divider = names.front().find_first_of(";|\t");
+    if (names.size() == 1 && divider != std::string_view::npos && FormatOfPath(path_, format_) == "csv") {
+        std::string const shown = names[0][divider] == '\t' ? "\\t" : std::string(1, names[0][divider]);
+        Warn("there is one column, '{}'; perhaps --delimiter '{}' is needed", Shown(names[0]), shown);
+    }
+    std::sort(names.begin(), names.end());
+    auto const twice = std::adjacent_find(names.begin(), names.end());
+    if (twice == names.end()) return;
+    Warn("two columns are called '{}', and send takes neither: rename them, or remove their fields from the schema",
+         Shown(*twice));
 }
 
 // Leaves the column as it is when no name is given.
@@ -322,7 +338,10 @@ void GuessCommand::Advise(std::size_t time, std::size_t key, std::vector<std::si
     }
     for (std::size_t const i : order) {
         ColumnSample const& column = sample_.columns[i];
-        if (names[i] != column.Name()) command += " --map " + Quoted(names[i] + '=' + column.Name());
+        // Of two columns with one name, none can be mapped.
+        bool const isTwin = std::count_if(sample_.columns.begin(), sample_.columns.end(),
+                                          [&](ColumnSample const& other) { return other.Name() == column.Name(); }) > 1;
+        if (names[i] != column.Name() && !isTwin) command += " --map " + Quoted(names[i] + '=' + column.Name());
         if (column.Count() == 0) Say("'{}' is empty in all rows: its type is a guess", column.Name());
         bool const mayMiss = column.Type() != SUTS_STRING64 && column.Empty() > 0;
         if (!mayMiss) continue;

@@ -5,6 +5,7 @@
 #include <unistd.h>
 #include <zlib.h>
 #include <zstd.h>
+#include <zstd_errors.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -17,6 +18,14 @@ constexpr std::size_t PACKED_BYTES = 64UL * 1024;
 constexpr std::string_view GZIP_MARK = "\x1F\x8B";
 constexpr std::string_view ZSTD_MARK = "\x28\xB5\x2F\xFD";
 constexpr int GZIP_WINDOW = 15 + 16;  // the largest, and a gzip header before it
+
+// Whether a frame that zstd passes over, and others may follow, begins so; a shorter start may still become one.
+bool MayBeSkipped(std::string_view start) {
+    static constexpr std::string_view REST = "\x2A\x4D\x18";
+    if (start.empty()) return true;
+    std::string_view const rest = start.substr(1, REST.size());
+    return start[0] >= '\x50' && start[0] <= '\x5F' && REST.starts_with(rest);
+}
 
 bool IsReady(int descriptor) {
     pollfd waited = {descriptor, POLLIN, 0};
@@ -93,10 +102,10 @@ ByteSource::Result InputBytes::Recognise() {
         if (start.starts_with(GZIP_MARK)) {
             kind_ = GZIP;
             gzip_ = std::make_unique<Gzip>();
-        } else if (start.starts_with(ZSTD_MARK)) {
+        } else if (start.starts_with(ZSTD_MARK) || (start.size() >= ZSTD_MARK.size() && MayBeSkipped(start))) {
             kind_ = ZSTD;
             zstd_ = std::make_unique<Zstd>();
-        } else if (!GZIP_MARK.starts_with(start) && !ZSTD_MARK.starts_with(start)) {
+        } else if (!GZIP_MARK.starts_with(start) && !ZSTD_MARK.starts_with(start) && !MayBeSkipped(start)) {
             kind_ = PLAIN;
         }
         if (kind_ != UNKNOWN) break;
@@ -194,6 +203,9 @@ ByteSource::Result InputBytes::ReadZstd(char* to, std::size_t room, std::size_t&
         if (filled == END && zstd_->frameEnded) return END;
         std::size_t const code = ZSTD_decompressStream(zstd_->stream.get(), &out, &in);
         packedBegin_ += in.pos;
+        if (ZSTD_getErrorCode(code) == ZSTD_error_frameParameter_windowTooLarge) {
+            return Fail("holds zstd data whose window is too large; pack them with one of 128 MiB at most");
+        }
         if (ZSTD_isError(code) != 0) return Fail("holds zstd data that are damaged");
         zstd_->frameEnded = code == 0;
         got = out.pos;

@@ -235,10 +235,13 @@ ExitCode SendCommand::Run() {
 
 ExitCode SendCommand::CheckOptions() {
     if (addressText_.empty() && !dryRun_) return Fail(USAGE, "--data is required, unless --dry-run is given");
-    if (delimiter_ == "\\t" || delimiter_ == "tab") delimiter_ = "\t";
-    if (delimiter_.empty()) delimiter_ = ",";
-    if (delimiter_.size() != 1 || delimiter_.find_first_of("\"\r\n") != std::string::npos) {
-        return Fail(USAGE, "--delimiter: '{}' is no single character that can divide values", delimiter_);
+    char delimiter = ',';
+    if (!ReadDelimiter(delimiter_, delimiter)) {
+        return Fail(USAGE, "--delimiter: '{}' is no single byte that can divide values", delimiter_);
+    }
+    for (std::string const& path : paths_) {
+        if (delimiter_.empty() || delimiter == '\t' || FormatOfPath(path, format_) != "tsv") continue;
+        return Fail(USAGE, "--delimiter: {} is read as tsv; add --format csv", path);
     }
     if (batchBytes_ > BATCH_BYTES_MAX) return Fail(USAGE, "--batch: at most 256M");
     if (lingerUs_ > 365 * DAY_US) return Fail(USAGE, "--linger: at most 365d");
@@ -252,7 +255,7 @@ ExitCode SendCommand::CheckOptions() {
     if (ExitCode const read = ReadHeartbeat(); read != DONE) return read;
     std::string problem;
     if (!check_.Set(spec_, std::move(options), problem)) return Fail(USAGE, "{}", problem);
-    input_.Set({paths_, format_, delimiter_[0], follow_, check_.Columns()});
+    input_.Set({paths_, format_, delimiter, follow_, check_.Columns()});
     return DONE;
 }
 
@@ -288,9 +291,13 @@ ExitCode SendCommand::ReadFieldOptions(RowCheck::Options& options) {
     options.fields.resize(fields);
     for (std::size_t i = 0; i < fields; ++i) options.fields[i].column = spec_.fieldNames[i].get();
     std::string value;
+    std::vector<bool> isMapped(fields);
     for (std::string const& map : maps_) {
         std::size_t const field = FieldOf(map, value);
         if (field == fields) return Fail(USAGE, "--map: '{}' does not begin with a field of the schema and =", map);
+        if (value.empty()) return Fail(USAGE, "--map: '{}' names no column", map);
+        if (isMapped[field]) return Fail(USAGE, "--map: '{}' is the second one for its field", map);
+        isMapped[field] = true;
         options.fields[field].column = value;
     }
     for (std::string const& empty : empties_) {

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -31,6 +32,15 @@ std::string FormatOfPath(std::string_view path, std::string const& chosen) {
     if (path.ends_with(".tsv") || path.ends_with(".tab")) return "tsv";
     if (path.ends_with(".jsonl") || path.ends_with(".ndjson")) return "jsonl";
     return "csv";
+}
+
+bool ReadDelimiter(std::string const& text, char& delimiter) {
+    std::string_view const one = text.empty() ? "," : text == "\\t" || text == "tab" ? "\t" : std::string_view(text);
+    auto const isWord = [](unsigned char c) { return c == '_' || (c < 0x80 && isalnum(c) != 0); };
+    if (one.size() != 1 || isWord(one[0]) || std::string_view("\"\r\n").find(one[0]) != std::string_view::npos)
+        return false;
+    delimiter = one[0];
+    return true;
 }
 
 void SendInput::Set(Options options) {

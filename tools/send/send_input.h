@@ -26,6 +26,10 @@ struct Cell {
 // The format of a file: the chosen one or, by the ending of its path, csv, tsv or jsonl.
 [[nodiscard]] std::string FormatOfPath(std::string_view path, std::string const& chosen);
 
+// Takes a text for the character that divides the values of csv; the empty one stands for a comma. False for what
+// cannot be told from values.
+[[nodiscard]] bool ReadDelimiter(std::string const& text, char& delimiter);
+
 // Reads files one after the other and finds the wanted columns of each by name: by the first row, or the names of the
 // members in JSON lines. One thread at a time; never blocks.
 class SendInput {
