@@ -58,6 +58,9 @@ ShipWriter::Result ShipWriter::Run(ShipReceiver const& receiver) {
                                  destination_.Problem()));
             }
             saidAway = true;
+            if (isDone && waitedAtEnd.count() == 0) {
+                say_(fmt::format("the end waits for the destination for at most {} s", RETRIES_AT_END.count() / 1000));
+            }
             if (isDone && (waitedAtEnd += pause) > RETRIES_AT_END) return LEFT;
             std::this_thread::sleep_for(pause);
             pause = std::min(2 * pause, RETRY_MAX);
