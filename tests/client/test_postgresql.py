@@ -100,6 +100,9 @@ class Away(Brindlectl):
                 sink = self.sink(address)
                 wait_until("a word", lambda sink=sink: "\n" in sink.errors() or sink.process.poll() is not None)
                 self.assertIn(reason, sink.errors().splitlines()[0])
-                self.assertNotIn("wrong", sink.errors())
+                for password in ("wrong", "secret"):
+                    self.assertNotIn(password, sink.errors())
                 sink.process.send_signal(signal.SIGINT)
+                wait_until("a word about the end", lambda sink=sink: "the end waits for the destination for at most 10 s"
+                           in sink.errors() or sink.process.poll() is not None)
                 sink.close()
