@@ -186,7 +186,7 @@ ExitCode SinkCommand::OpenSpool(Spool& spool, bool isTemporary) {
     if (!spool.Problem().empty()) Warn("the spool {}", spool.Problem());
     // What waits for one destination must not go to another.
     std::string const ownerPath = spoolPath_ + "/" + OWNER;
-    if (auto const owner = ReadFile(ownerPath); owner.has_value() && *owner != name) {
+    if (auto const owner = ReadFile(ownerPath); owner.has_value() && *owner != name && spool.Bytes() > 0) {
         return Fail(BAD_CONFIGURATION, "the spool {} is that of {}; give another directory with --spool", spoolPath_,
                     *owner);
     }
