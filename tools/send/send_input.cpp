@@ -262,6 +262,13 @@ bool SendInput::StartAt(std::string_view position, bool wasFinished) {
                                        start_.path));
         return false;
     }
+    // Files before it may be new ones, which must not be passed over, or old ones, which must not be sent again.
+    if (wasFinished && named != options_.paths.begin()) {
+        Fail(BAD_POSITION, fmt::format("the earlier run has finished with {}; name it first, and then only files that "
+                                       "are new",
+                                       start_.path));
+        return false;
+    }
     file_ = static_cast<std::size_t>(named - options_.paths.begin());
     return true;
 }
