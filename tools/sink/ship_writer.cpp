@@ -49,6 +49,11 @@ ShipWriter::Result ShipWriter::Run(ShipReceiver const& receiver) {
             pause = RETRY_MIN;
             status = TakeEntries();
         }
+        // A cycle that does not fit into the spool would wait for room that only its end can make.
+        if (status == Destination::OK && receiver.IsFull() && inTransaction_ && state_.position >= spool_.End()) {
+            say_("a cycle is larger than the spool; it is written in parts");
+            status = CommitOpenCycles();
+        }
         if (status == Destination::REFUSED) return spoolLost_ ? SPOOL_LOST : REFUSED;
         if (status == Destination::AWAY) {
             destination_.Close();
@@ -65,11 +70,6 @@ ShipWriter::Result ShipWriter::Run(ShipReceiver const& receiver) {
             std::this_thread::sleep_for(pause);
             pause = std::min(2 * pause, RETRY_MAX);
             continue;
-        }
-        // A cycle that does not fit into the spool would wait for room that only its end can make.
-        if (status == Destination::OK && receiver.IsFull() && inTransaction_ && state_.position >= spool_.End()) {
-            say_("a cycle is larger than the spool; it is written in parts");
-            if (CommitOpenCycles() != Destination::OK) continue;
         }
         TellWatermark(watermarks_.Flush());
         if (isDone && state_.position >= spool_.End()) return DRAINED;
