@@ -55,7 +55,7 @@ bench_Workload const& Ticks(long keys = 0) {
 void FillFrame(sutl_NetorderByteField& field) {
     field.Reset();
     field.AppendBytes(Ticks().Bytes().data() + SUTL_FRAME_HEADER_BYTES,
-                      Ticks().FrameEnds().front() - SUTL_FRAME_HEADER_BYTES);
+                      Ticks().Frames().front().end - SUTL_FRAME_HEADER_BYTES);
     field.Seal();
     field.StartReading();
 }
@@ -78,11 +78,10 @@ std::vector<Record> Decode(bench_Workload const& workload) {
     std::vector<Record> records;
     sutl_NetorderByteField field;
     suts_RecordDecoder decoder(Spec());
-    std::size_t from = 0;
-    for (std::size_t const end : workload.FrameEnds()) {
+    for (std::size_t frame = 0; frame < workload.Frames().size(); ++frame) {
+        auto const body = workload.FrameBytes(frame).subspan(SUTL_FRAME_HEADER_BYTES);
         field.Reset();
-        field.AppendBytes(workload.Bytes().data() + from + SUTL_FRAME_HEADER_BYTES,
-                          end - from - SUTL_FRAME_HEADER_BYTES);
+        field.AppendBytes(body.data(), body.size());
         field.Seal();
         field.StartReading();
         decoder.StartFrame(field);
@@ -91,7 +90,6 @@ std::vector<Record> Decode(bench_Workload const& workload) {
             record.key = Copy(record.key);
             record.value = Copy(record.value);
         }
-        from = end;
     }
     return records;
 }

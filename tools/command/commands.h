@@ -12,3 +12,5 @@ std::unique_ptr<Command> MakeQueryCommand();
 std::unique_ptr<Command> MakeDumpCommand();
 std::unique_ptr<Command> MakeCheckCommand();
 std::unique_ptr<Command> MakeRepairCommand();
+std::unique_ptr<Command> MakeTopCommand();
+std::unique_ptr<Command> MakeBenchCommand();

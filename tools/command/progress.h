@@ -20,6 +20,10 @@ class Progress {
         if (!shown_ || ++calls_ % CALLS_PER_LOOK != 0) return;
         Look(count, done, whole);
     }
+    // The same for a caller who comes seldom.
+    void UpdateNow(unsigned long count) {
+        if (shown_) Look(count, 0, 0);
+    }
     void Clear();
 
  private:

@@ -6,8 +6,13 @@
 #include "checksum.h"
 #include "sutl_frame.h"
 
-bench_ShipCheck::bench_ShipCheck(bench_Workload const& workload, suts_tsspec const& spec)
-    : workload_(workload), keyShape_(spec, 0, 1), valueShape_(spec, 1, spec.fieldCount), seen_(workload.Keys().size()) {
+bench_ShipCheck::bench_ShipCheck(bench_Workload const& workload, suts_tsspec const& spec,
+                                 std::function<void(unsigned long)> onRecord)
+    : workload_(workload),
+      onRecord_(std::move(onRecord)),
+      keyShape_(spec, 0, 1),
+      valueShape_(spec, 1, spec.fieldCount),
+      seen_(workload.Keys().size()) {
     for (std::size_t i = 0; i < seen_.size(); ++i) index_.emplace(workload.Keys()[i].wire, i);
 }
 
@@ -37,10 +42,10 @@ unsigned char const* bench_ShipCheck::TakeHeader(unsigned char const* at, unsign
     bool const inTurn = lastType_ == 0 || lastType_ == SUTS_SHIP_CYCLE_END
                             ? type_ == SUTS_SHIP_KEYS
                             : type_ == lastType_ || type_ == SUTS_SHIP_RECORDS || type_ == SUTS_SHIP_CYCLE_END;
-    if (bodyLeft_ < 0 || !inTurn) return Fault("a message of no type, or out of its turn", end);
+    if (bodyLeft_ < 0 || !inTurn) return Refuse("a message of no type, or out of its turn", end);
     if (type_ == SUTS_SHIP_CYCLE_END) {
         ++cycles_;
-        if (bodyLeft_ != 0) return Fault("bytes behind the end of a cycle", end);
+        if (bodyLeft_ != 0) return Refuse("bytes behind the end of a cycle", end);
     }
     return at + BYTES;
 }
@@ -56,11 +61,11 @@ unsigned char const* bench_ShipCheck::TakeKey(unsigned char const* at, unsigned 
         next += SUTS_NUMBER8_BYTES;
         latest_ = 0;
     }
-    if (!Find(key)) return Fault("a key that was never sent", end);
-    if (seen_[key_].announced != isBlock) return Fault("a key that is announced late or twice", end);
+    if (!Find(key)) return Refuse("a key that was never sent", end);
+    if (seen_[key_].announced != isBlock) return Refuse("a key that is announced late or twice", end);
     seen_[key_].announced = true;
     bodyLeft_ -= next - at;
-    return bodyLeft_ < 0 ? Fault("a key beyond the end of its message", end) : next;
+    return bodyLeft_ < 0 ? Refuse("a key beyond the end of its message", end) : next;
 }
 
 unsigned char const* bench_ShipCheck::TakeRecords(unsigned char const* at, unsigned char const* end) {
@@ -71,8 +76,9 @@ unsigned char const* bench_ShipCheck::TakeRecords(unsigned char const* at, unsig
         unsigned char const* const next = valueShape_.Behind(at + SUTS_NUMBER8_BYTES, end);
         if (next == nullptr) break;
         unsigned long const time = bench_Number8(at);
-        if (time < latest_) return Fault("records of a block that are not in the order of time", end);
+        if (time < latest_) return Refuse("records of a block that are not in the order of time", end);
         latest_ = time;
+        if (onRecord_) onRecord_(time);
         sum += bench_Checksum(at, static_cast<std::size_t>(next - at));
         at = next;
         --recordsLeft_;
@@ -83,7 +89,7 @@ unsigned char const* bench_ShipCheck::TakeRecords(unsigned char const* at, unsig
     records_ += before - recordsLeft_;
     latestUs_ = std::max(latestUs_, latest_);
     bodyLeft_ -= at - start;
-    return bodyLeft_ < 0 ? Fault("a record beyond the end of its message", end) : at;
+    return bodyLeft_ < 0 ? Refuse("a record beyond the end of its message", end) : at;
 }
 
 // Keys come in the same order in every cycle, the one in which the workload numbers them.
@@ -99,7 +105,7 @@ bool bench_ShipCheck::Find(std::string_view key) {
     return true;
 }
 
-unsigned char const* bench_ShipCheck::Fault(char const* text, unsigned char const* end) {
+unsigned char const* bench_ShipCheck::Refuse(char const* text, unsigned char const* end) {
     fault_ = text;
     return end;
 }

@@ -18,7 +18,8 @@ struct Kind {
     bool zipf;  // the k-th key has a share of 1 / k; else all have the same
 };
 
-constexpr int LATE_SHARE = 50;  // one record in so many is late
+constexpr long STEP_MIN_US = 2;  // or nothing would tell the times of late records from the others
+constexpr int LATE_SHARE = 50;   // one record in so many is late
 constexpr int WIDE_TEXT_MIN = 40;
 constexpr int WIDE_TEXT_MAX = 200;
 
@@ -120,9 +121,19 @@ std::string_view bench_Workload::Schema(std::string_view name) {
     return kind == nullptr ? std::string_view() : kind->schema;
 }
 
-bench_Workload::bench_Workload(bench_WorkloadOptions const& options, suts_tsspec const& spec) {
+std::vector<std::string> bench_Workload::Names() {
+    std::vector<std::string> names;
+    for (Kind const& kind : KINDS) names.emplace_back(kind.name);
+    return names;
+}
+
+long bench_Workload::UsualRecords(std::string_view name) { return FindKind(name)->records; }
+
+bench_Workload::bench_Workload(bench_WorkloadOptions const& options, suts_tsspec const& spec)
+    : keyShape_(spec, 0, 1), valueShape_(spec, 1, spec.fieldCount) {
     Kind const& kind = *FindKind(options.name);
     records_ = options.records > 0 ? options.records : kind.records;
+    stepUs_ = options.stepUs > 0 ? std::max(options.stepUs, STEP_MIN_US) : kind.stepUs;
     long const keys = options.keys > 0 ? options.keys : kind.keys;
     long const latenessUs = options.latenessUs >= 0 ? options.latenessUs : kind.latenessUs;
     Random random(options.seed);
@@ -136,10 +147,14 @@ bench_Workload::bench_Workload(bench_WorkloadOptions const& options, suts_tsspec
         recordBytesMax +=
             spec.Type(i) == SUTS_STRING64 ? WIDE_TEXT_MAX + 1 + SUTS_STRING_LENGTH_BYTES : SUTS_NUMBER8_BYTES;
     }
-    std::size_t const room = static_cast<std::size_t>(recordBytesMax * records_ + records_ / 16) + FRAME_BODY_BYTES;
+    constexpr long FRAME_HEADERS = SUTL_FRAME_HEADER_BYTES;  // at most one a record
+    std::size_t const room = static_cast<std::size_t>((recordBytesMax + FRAME_HEADERS) * records_);
     bytes_ = std::make_unique_for_overwrite<unsigned char[]>(room);  // pages that are not written cost nothing
     unsigned char* at = bytes_.get();
     unsigned char* frame = nullptr;
+    std::size_t probeKey = 0;
+    unsigned long probeUs = 0;
+    keyOf_.reserve(static_cast<std::size_t>(records_));
     for (long record = 0; record < records_; ++record) {
         if (frame == nullptr) {
             frame = at;
@@ -151,8 +166,16 @@ bench_Workload::bench_Workload(bench_WorkloadOptions const& options, suts_tsspec
             keys_.push_back({wireKeys[rank]});
         }
         Key& key = keys_[static_cast<std::size_t>(places[rank])];
-        long timeUs = START_US + record * kind.stepUs;
-        if (latenessUs > 0 && random.Below(LATE_SHARE) == 0) timeUs -= random.Below(latenessUs);
+        auto const place = static_cast<std::size_t>(places[rank]);
+        keyOf_.push_back(static_cast<unsigned int>(place));
+        long timeUs = START_US + record * stepUs_;
+        if (latenessUs > 0 && random.Below(LATE_SHARE) == 0) {
+            long const late = random.Below(latenessUs);
+            timeUs -= late % stepUs_ == 0 ? late + 1 : late;
+        } else {
+            probeKey = place;
+            probeUs = static_cast<unsigned long>(timeUs);
+        }
         at = std::copy(key.wire.begin(), key.wire.end(), at);
         unsigned char const* const shipped = at;
         at = bench_PutNumber8(at, static_cast<unsigned long>(timeUs));
@@ -160,10 +183,11 @@ bench_Workload::bench_Workload(bench_WorkloadOptions const& options, suts_tsspec
         ++key.records;
         key.checksum += bench_Checksum(shipped, static_cast<std::size_t>(at - shipped));
         auto const body = static_cast<std::size_t>(at - frame) - SUTL_FRAME_HEADER_BYTES;
-        if (body + static_cast<std::size_t>(recordBytesMax) > FRAME_BODY_BYTES || record + 1 == records_) {
+        if (body + static_cast<std::size_t>(recordBytesMax) > options.frameBodyBytes || record + 1 == records_) {
             bench_PutNumber4(frame, static_cast<unsigned int>(body));
-            frameEnds_.push_back(static_cast<std::size_t>(at - bytes_.get()));
+            frames_.push_back({static_cast<std::size_t>(at - bytes_.get()), record + 1, probeKey, probeUs});
             frame = nullptr;
+            probeUs = 0;
         }
     }
     size_ = static_cast<std::size_t>(at - bytes_.get());
@@ -172,4 +196,63 @@ bench_Workload::bench_Workload(bench_WorkloadOptions const& options, suts_tsspec
 bench_Workload::Key const& bench_Workload::HottestKey() const {
     return *std::max_element(keys_.begin(), keys_.end(),
                              [](Key const& a, Key const& b) { return a.records < b.records; });
+}
+
+std::span<unsigned char const> bench_Workload::FrameBytes(std::size_t frame) const {
+    std::size_t const begin = frame == 0 ? 0 : frames_[frame - 1].end;
+    return Bytes().subspan(begin, frames_[frame].end - begin);
+}
+
+unsigned long bench_Workload::FrameRecords(std::size_t frame) const {
+    return static_cast<unsigned long>(frames_[frame].recordsEnd - (frame == 0 ? 0 : frames_[frame - 1].recordsEnd));
+}
+
+template <typename Call>
+void bench_Workload::ForRecords(std::size_t frame, Call call) {
+    auto const bytes = FrameBytes(frame);
+    unsigned char* const begin = bytes_.get() + (bytes.data() - bytes_.get());
+    unsigned char const* const end = begin + bytes.size();
+    unsigned char const* at = begin + SUTL_FRAME_HEADER_BYTES;
+    while (at != end) {
+        unsigned char const* const time = keyShape_.Behind(at, end);
+        at = valueShape_.Behind(time + SUTS_NUMBER8_BYTES, end);
+        call(begin + (time - begin), at);
+    }
+}
+
+void bench_Workload::ShiftLap(std::size_t frame, long laps) {
+    unsigned long const us = LapUs() * static_cast<unsigned long>(laps);  // a negative one wraps, and so does the sum
+    ForRecords(frame,
+               [us](unsigned char* time, unsigned char const*) { bench_PutNumber8(time, bench_Number8(time) + us); });
+}
+
+void bench_Workload::SumUp(unsigned long frames) {
+    for (Key& key : keys_) key.records = key.checksum = 0;
+    std::size_t const perLap = frames_.size();
+    for (std::size_t frame = 0; frame < perLap && frame < frames; ++frame) {
+        auto const laps = static_cast<long>((frames - frame + perLap - 1) / perLap);
+        ShiftLap(frame, 1 - laps);
+        for (long lap = 0; lap < laps; ++lap) {
+            if (lap > 0) ShiftLap(frame, 1);
+            auto record = static_cast<std::size_t>(frame == 0 ? 0 : frames_[frame - 1].recordsEnd);
+            ForRecords(frame, [this, &record](unsigned char const* time, unsigned char const* end) {
+                Key& key = keys_[keyOf_[record++]];
+                ++key.records;
+                key.checksum += bench_Checksum(time, static_cast<std::size_t>(end - time));
+            });
+        }
+    }
+}
+
+bool bench_Workload::FrameOf(unsigned long timeUs, unsigned long& frame) const {
+    auto const start = static_cast<unsigned long>(START_US);
+    auto const step = static_cast<unsigned long>(stepUs_);
+    if (timeUs < start || (timeUs - start) % step != 0) return false;
+    unsigned long const record = (timeUs - start) / step;
+    auto const perLap = static_cast<unsigned long>(records_);
+    auto const inLap = static_cast<long>(record % perLap);
+    auto const found = std::upper_bound(frames_.begin(), frames_.end(), inLap,
+                                        [](long number, Frame const& one) { return number < one.recordsEnd; });
+    frame = record / perLap * frames_.size() + static_cast<unsigned long>(found - frames_.begin());
+    return true;
 }

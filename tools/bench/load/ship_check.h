@@ -1,6 +1,7 @@
 // The consumer's half of the driver: takes the ship stream apart and judges it.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -14,7 +15,9 @@
 // record but its share in its key's sums. Owned by one thread.
 class bench_ShipCheck {
  public:
-    bench_ShipCheck(bench_Workload const& workload, suts_tsspec const& spec);
+    // `onRecord`, if any, is called with the time of every record. The workload's sums are looked at by Verdict alone.
+    bench_ShipCheck(bench_Workload const& workload, suts_tsspec const& spec,
+                    std::function<void(unsigned long)> onRecord = nullptr);
 
     // Goes through the bytes as far as they hold whole parts and returns where it stopped: what lies behind must stand
     // before the next bytes. After a fault it takes everything and looks at nothing.
@@ -23,6 +26,7 @@ class bench_ShipCheck {
     [[nodiscard]] unsigned long Records() const { return records_; }
     [[nodiscard]] unsigned long Cycles() const { return cycles_; }
     [[nodiscard]] unsigned long LatestUs() const { return latestUs_; }  // greatest time of all records
+    [[nodiscard]] std::string const& Fault() const { return fault_; }   // in what has come so far
 
     // What is wrong with the stream as a whole, once it has ended; empty when nothing is.
     [[nodiscard]] std::string Verdict();
@@ -39,9 +43,10 @@ class bench_ShipCheck {
     unsigned char const* TakeKey(unsigned char const* at, unsigned char const* end);
     unsigned char const* TakeRecords(unsigned char const* at, unsigned char const* end);
     [[nodiscard]] bool Find(std::string_view key);  // moves key_ there
-    unsigned char const* Fault(char const* text, unsigned char const* end);
+    unsigned char const* Refuse(char const* text, unsigned char const* end);
 
     bench_Workload const& workload_;
+    std::function<void(unsigned long)> const onRecord_;
     bench_Shape const keyShape_;
     bench_Shape const valueShape_;
     std::unordered_map<std::string_view, std::size_t> index_;  // of the workload's keys by their bytes
