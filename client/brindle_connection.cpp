@@ -224,6 +224,13 @@ brindle_Result brindle_Connection::Finish(Milliseconds stallMax) {
     return result;
 }
 
+void brindle_Connection::EndSecondFirst() {
+    if (first_.Get() > second_.Get()) return;
+    // The system closes what a process leaves behind in the order of the numbers.
+    sutl_Descriptor behind(fcntl(first_.Get(), F_DUPFD_CLOEXEC, second_.Get() + 1));
+    if (behind.IsOpen()) first_ = std::move(behind);
+}
+
 void brindle_Connection::Close() {
     first_.Close();
     second_.Close();

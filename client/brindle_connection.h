@@ -64,6 +64,10 @@ class brindle_Connection {
 
     void Close();  // both, at once
 
+    // Sees to it that the second connection ends before the first even where the process is killed: the one that ends
+    // first keeps its port for a minute, and a query server that closes its side first could not be started again.
+    void EndSecondFirst();
+
     static constexpr std::chrono::seconds SEND_STALL_MAX{60};
     static constexpr Milliseconds REFUSAL_WAIT{150};
 

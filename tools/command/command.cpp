@@ -13,14 +13,18 @@
 #include <cstring>
 #include <limits>
 #include <nlohmann/json.hpp>
+#include <optional>
 
+#include "durable_file.h"
 #include "spec_text.h"
 #include "sutl_descriptor.h"
+#include "terminal_text.h"
 #include "time_text.h"
 
 namespace {
 
 constexpr int WAIT_SECONDS_MAX = 24 * 3600;
+constexpr std::size_t SPEC_BYTES_MAX = 16UL << 20;
 
 struct Unit {
     std::string_view name;
@@ -38,16 +42,6 @@ bool ParseWithUnit(std::string_view text, std::span<Unit const> units, long& val
         return !__builtin_mul_overflow(number, unit.worth, &value);
     }
     return false;
-}
-
-// False with errno when the end is not reached.
-bool ReadWhole(int descriptor, std::string& text) {
-    char piece[4096];
-    long got = 0;
-    while ((got = sutl_ReadSome(descriptor, piece, sizeof piece)) > 0) {
-        text.append(piece, static_cast<std::size_t>(got));
-    }
-    return got == 0;
 }
 
 }  // namespace
@@ -189,16 +183,12 @@ void Command::AddJson() { AddFlag("--json", "Print the result as a JSON object o
 
 ExitCode Command::LoadSpec(suts_tsspec& spec) const {
     // What is no file is read but once, so the loader gets a copy.
-    sutl_Descriptor const file(open(specPath_.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!file.IsOpen()) {
-        return Fail(BAD_CONFIGURATION, "{}: cannot be opened: {}; name a schema file with --spec", specPath_,
-                    strerror(errno));
-    }
-    std::string text;
-    if (!ReadWhole(file.Get(), text)) {
+    std::optional<std::string> const read = ReadFile(specPath_, SPEC_BYTES_MAX);
+    if (!read.has_value()) {
         return Fail(BAD_CONFIGURATION, "{}: cannot be read: {}; name a schema file with --spec", specPath_,
                     strerror(errno));
     }
+    std::string const& text = *read;
     std::vector<SpecProblem> const problems = CheckSpec(text);
     for (SpecProblem const& problem : problems) {
         Fail(BAD_CONFIGURATION, "{}:{}:{}: {}", specPath_, problem.line, problem.column, problem.text);
@@ -281,7 +271,7 @@ void Command::Print(std::string const& line, Kind kind) const {
     // One command may stand within another.
     CLI::App const* const parent = app_->get_parent();
     std::string const within = parent != nullptr && parent->get_parent() != nullptr ? parent->get_name() + ' ' : "";
-    // In one write, so that the lines of two threads stay apart.
-    fmt::print(stderr, "{}brindlectl {}{}:{} {}\n", isColored ? STARTS[kind] : "", within, app_->get_name(),
-               isColored ? "\033[0m" : "", line);
+    // In one piece, so that the lines of two threads stay apart.
+    WriteToErrors(fmt::format("{}brindlectl {}{}:{} {}\n", isColored ? STARTS[kind] : "", within, app_->get_name(),
+                              isColored ? "\033[0m" : "", line));
 }

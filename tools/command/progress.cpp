@@ -3,6 +3,8 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include "terminal_text.h"
+
 namespace {
 
 constexpr std::chrono::milliseconds REDRAW_PAUSE{200};
@@ -22,14 +24,12 @@ void Progress::Look(unsigned long count, unsigned long done, unsigned long whole
         double const share = static_cast<double>(done) / static_cast<double>(whole);
         line += fmt::format(", {:.0f} %, {:.0f} s left", 100 * share, seconds * (1 - share) / share);
     }
-    fmt::print(stderr, "\r\033[K{}", line);
-    fflush(stderr);
+    WriteToErrors("\r\033[K" + line);
     drawn_ = true;
 }
 
 void Progress::Clear() {
     if (!drawn_) return;
-    fmt::print(stderr, "\r\033[K");
-    fflush(stderr);
+    WriteToErrors("\r\033[K");
     drawn_ = false;
 }

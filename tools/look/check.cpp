@@ -43,10 +43,6 @@ std::string TimeText(long timeUs) {
     return text;
 }
 
-std::string Count(unsigned long number, char const* what) {
-    return fmt::format("{} {}{}", number, what, number == 1 ? "" : "s");
-}
-
 std::string Bytes(long bytes) { return Count(static_cast<unsigned long>(bytes), "byte"); }
 
 std::string Names(std::vector<std::string> const& names) {

@@ -15,6 +15,7 @@
 #include "recovery_check.h"
 #include "recovery_directory.h"
 #include "stored_value.h"
+#include "terminal_text.h"
 #include "uts_stgrecovery.h"
 #include "value_text.h"
 
@@ -41,6 +42,7 @@ class DumpCommand : public Command {
     [[nodiscard]] ExitCode CheckChoices();
     [[nodiscard]] ExitCode CheckDirectory();
     [[nodiscard]] ExitCode CheckOutput() const;
+    [[nodiscard]] ExitCode WriteLines();
     [[nodiscard]] ExitCode WriteRecords();
     [[nodiscard]] ExitCode WriteKeys();
     [[nodiscard]] ExitCode TellEnd(LogWalker const& walker, LogWalker::Result result);
@@ -80,10 +82,18 @@ ExitCode DumpCommand::Run() {
     if (ExitCode const checked = CheckOutput(); checked != DONE) return checked;
     if (showsKeys_) return WriteKeys();
     if (format_ != "lines") return WriteRecords();
+    return WriteLines();
+}
+
+ExitCode DumpCommand::WriteLines() {
     // The parts of a line go to two streams, so only standard error, which takes one of them in any case, keeps lines
     // whole.
     suts_StgPrintRecoverData(stderr, spec_, path_.c_str());
-    return DONE;
+    LogWalker walker(spec_, directory_.files);
+    LogRecord record;
+    LogWalker::Result result = LogWalker::END;
+    while ((result = walker.Next(record)) == LogWalker::RECORD) {}
+    return TellEnd(walker, result);
 }
 
 ExitCode DumpCommand::CheckChoices() {
@@ -99,7 +109,7 @@ ExitCode DumpCommand::CheckChoices() {
     for (std::string const& text : keyTexts_) {
         brindle_Value key;
         if (!ParseValue(text, spec_.Type(0), key)) {
-            return Fail(USAGE, "the key '{}' is not of type {}", text, TypeName(spec_.Type(0)));
+            return Fail(USAGE, "the key '{}' is not of type {}", Shown(text), TypeName(spec_.Type(0)));
         }
         std::string stored = text + '\0';
         if (key.type == SUTS_INT32) {
@@ -119,10 +129,10 @@ ExitCode DumpCommand::CheckDirectory() {
     if (!directory_.Read(path_)) return Fail(IO_ERROR, "{}: cannot be read: {}", path_, strerror(errno));
     if (!directory_.foreign.empty()) {
         return Fail(BAD_DATA, "{}: '{}' does not belong into a recovery directory; move it away", path_,
-                    directory_.foreign.front());
+                    Shown(directory_.foreign.front()));
     }
-    for (std::string const& name : directory_.notFiles) {
-        return Fail(BAD_DATA, "{}/{}: is not a file; move it away", path_, name);
+    if (!directory_.notFiles.empty()) {
+        return Fail(BAD_DATA, "{}/{}: is not a file; move it away", path_, directory_.notFiles.front());
     }
     for (LogFile const& file : directory_.files) {
         if (sutl_OpenFile(file.path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC).IsOpen()) continue;
@@ -134,7 +144,8 @@ ExitCode DumpCommand::CheckDirectory() {
 ExitCode DumpCommand::CheckOutput() const {
     if (format_ == "lines" || outputPath_ == "-") return DONE;
     std::error_code unknown;
-    auto const folder = std::filesystem::absolute(outputPath_, unknown).parent_path();
+    auto const folder =
+        std::filesystem::weakly_canonical(std::filesystem::absolute(outputPath_, unknown), unknown).parent_path();
     if (!std::filesystem::equivalent(folder, path_, unknown)) return DONE;
     return Fail(USAGE, "{}: a recovery directory must hold nothing else; write the file elsewhere", outputPath_);
 }
@@ -142,11 +153,6 @@ ExitCode DumpCommand::CheckOutput() const {
 bool DumpCommand::IsWanted(LogRecord const& record) const {
     return record.timeUs >= fromUs_ && record.timeUs <= toUs_ &&
            (keys_.empty() || std::find(keys_.begin(), keys_.end(), record.hash) != keys_.end());
-}
-
-RecordFormat FormatOf(std::string const& name) {
-    if (name == "csv") return RecordFormat::CSV;
-    return name == "jsonl" ? RecordFormat::JSONL : RecordFormat::TABLE;
 }
 
 // Says where the log ends, if that is before its last byte.
@@ -171,7 +177,7 @@ ExitCode DumpCommand::WriteRecords() {
     unsigned long records = 0;
     Progress progress("records", !IsQuiet() && outputPath_ != "-");
     bool const endless = limit_ == 0;
-    while ((endless || records < static_cast<unsigned long>(limit_)) &&
+    while (!output.HasFailed() && (endless || records < static_cast<unsigned long>(limit_)) &&
            (result = walker.Next(record)) == LogWalker::RECORD) {
         if (!IsWanted(record)) continue;
         if (record.whole.empty() && walker.Read(record, whole)) record.whole = whole;
@@ -182,10 +188,10 @@ ExitCode DumpCommand::WriteRecords() {
         output.Add({}, record.timeUs, values);
         progress.Update(++records);
     }
-    progress.Clear();
     int const error = errno;
+    progress.Clear();
     if (ExitCode const flushed = FlushOutput(output); flushed != DONE) return flushed;
-    Say("{} record{} in {}", records, records == 1 ? "" : "s", path_);
+    Say("{} in {}", Count(records, "record"), path_);
     errno = error;
     return TellEnd(walker, result);
 }
@@ -216,17 +222,18 @@ ExitCode DumpCommand::WriteKeys() {
         output.Add({}, 0, values);
     }
     if (ExitCode const flushed = FlushOutput(output); flushed != DONE) return flushed;
-    Say("{} keys, {} records in {}", report.keys.Keys(), report.records, path_);
+    Say("{}, {} in {}", Count(report.keys.Keys(), "key"), Count(report.records, "record"), path_);
     if (report.keyFileEnd != KeyFileWalker::END) {
         return Fail(REJECTS, "{}: no whole key at offset {}; check tells more", directory_.KeyFilePath(),
                     report.keyFileOffset);
     }
     if (report.end == LogWalker::END) return DONE;
+    // The directory as this walk has found it, which may have changed since.
+    std::vector<LogFile> const& files = report.directory.files;
     if (report.end == LogWalker::READ_ERROR) {
-        return Fail(IO_ERROR, "{}: cannot be read: {}", directory_.files[report.failedFile].path,
-                    strerror(report.error));
+        return Fail(IO_ERROR, "{}: cannot be read: {}", files[report.failedFile].path, strerror(report.error));
     }
-    return Fail(REJECTS, "{}: the log is cut at offset {}; check tells more", directory_.files[report.torn.file].path,
+    return Fail(REJECTS, "{}: the log is cut at offset {}; check tells more", files[report.torn.file].path,
                 report.torn.offset);
 }
 

@@ -1,6 +1,6 @@
 // brindlectl query: asks the server for staged records.
 
-#include <fmt/ranges.h>
+#include <fmt/format.h>
 #include <poll.h>
 #include <signal.h>
 #include <unistd.h>
@@ -12,11 +12,10 @@
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <optional>
-#include <unordered_map>
 
 #include "commands.h"
 #include "line_editor.h"
-#include "log_walker.h"
+#include "new_rows.h"
 #include "plot.h"
 #include "query_client.h"
 #include "stop_signals.h"
@@ -110,11 +109,6 @@ void TakeFields(suts_tsspec const& spec, std::vector<std::size_t> const& fields,
     }
 }
 
-struct HashOfHash {
-    std::size_t operator()(KeyHash const& hash) const { return hash.low; }
-};
-using RecordCounts = std::unordered_map<KeyHash, unsigned long, HashOfHash>;
-
 // While it lives SIGINT, SIGTERM and SIGHUP end the process at once, with status 0; they are held back before.
 class EndOnSignal {
  public:
@@ -158,6 +152,8 @@ class QueryCommand : public Command {
     [[nodiscard]] ExitCode Converse();
     [[nodiscard]] ExitCode AskForLines();
     [[nodiscard]] ExitCode Follow();
+    [[nodiscard]] QueryClient::Result Look(brindle_Value const& key, bool isFirst, bool& isRead);
+    [[nodiscard]] ExitCode ParseKey(Question const& question, brindle_Value& key) const;
     [[nodiscard]] ExitCode Ask(Question const& question);
     [[nodiscard]] ExitCode Explain(QueryClient::Result result, Question const& question) const;
     [[nodiscard]] ExitCode Print(Question const& question);
@@ -205,12 +201,12 @@ void QueryCommand::Declare(CLI::App& program) {
 }
 
 ExitCode QueryCommand::FindField(std::string const& name, std::size_t& field) const {
-    std::vector<std::string> names;
+    std::vector<std::string_view> names;
     for (field = 0; field < static_cast<std::size_t>(spec_.fieldCount); ++field) {
         names.emplace_back(spec_.fieldNames[field].get());
         if (names.back() == name) return DONE;
     }
-    return Fail(USAGE, "the schema has no field '{}'; its fields are: {}", name, fmt::join(names, ", "));
+    return Fail(USAGE, "the schema has no field '{}'; its fields are: {}", Shown(name), ShownList(names));
 }
 
 ExitCode QueryCommand::CheckChoices() {
@@ -251,12 +247,9 @@ ExitCode QueryCommand::Run() {
     if (ExitCode const loaded = LoadSpec(spec_); loaded != DONE) return loaded;
     if (ExitCode const checked = CheckChoices(); checked != DONE) return checked;
     client_.emplace(spec_, address_, Wait());
-    RecordFormat const format = format_ == "csv"     ? RecordFormat::CSV
-                                : format_ == "jsonl" ? RecordFormat::JSONL
-                                                     : RecordFormat::TABLE;
     // A conversation has a table of its own for each answer.
     bool const isConversation = keyText_.empty() && isatty(STDIN_FILENO) == 1;
-    output_.emplace(format, shown_, std::vector<std::string>(), timeName_);
+    output_.emplace(FormatOf(format_), shown_, std::vector<std::string>(), timeName_);
     bool const showsRecords = !stats_ && plotName_.empty() && !isConversation;
     if (isConversation) return Converse();
     question_.key = keyText_;
@@ -270,11 +263,15 @@ ExitCode QueryCommand::Run() {
     return Print(question_);
 }
 
+// The key is a view of the question's.
+ExitCode QueryCommand::ParseKey(Question const& question, brindle_Value& key) const {
+    if (ParseValue(question.key, spec_.Type(0), key)) return DONE;
+    return Fail(USAGE, "the key '{}' is not of type {}", Shown(question.key), TypeName(spec_.Type(0)));
+}
+
 ExitCode QueryCommand::Ask(Question const& question) {
     brindle_Value key;
-    if (!ParseValue(question.key, spec_.Type(0), key)) {
-        return Fail(USAGE, "the key '{}' is not of type {}", question.key, TypeName(spec_.Type(0)));
-    }
+    if (ExitCode const parsed = ParseKey(question, key); parsed != DONE) return parsed;
     QueryClient::Result const result = client_->Ask(key, question.fromUs, question.toUs, reply_);
     if (result != QueryClient::REPLIED) return Explain(result, question);
     if (limit_ > 0) reply_.KeepNewest(static_cast<std::size_t>(limit_));
@@ -287,7 +284,7 @@ ExitCode QueryCommand::Explain(QueryClient::Result result, Question const& quest
         case QueryClient::REPLIED:
             break;
         case QueryClient::BAD_KEY:
-            return Fail(USAGE, "the key '{}' cannot be asked for", question.key);
+            return Fail(USAGE, "the key '{}' cannot be asked for", Shown(question.key));
         case QueryClient::UNKNOWN_HOST:
             return FailToConnect(BRINDLE_UNKNOWN_HOST);
         case QueryClient::NO_SERVER:
@@ -331,8 +328,7 @@ ExitCode QueryCommand::Print(Question const& question) {
     if (!plotName_.empty()) return PrintPlot();
     AddRows();
     if (ExitCode const flushed = FlushOutput(*output_); flushed != DONE) return flushed;
-    std::size_t const records = reply_.Rows().size();
-    Say("{} record{} of '{}' staged in this range", records, records == 1 ? "" : "s", ForTerminal(question.key));
+    Say("{} of '{}' staged in this range", Count(reply_.Rows().size(), "record"), ForTerminal(question.key));
     return DONE;
 }
 
@@ -366,7 +362,7 @@ ExitCode QueryCommand::PrintStats(Question const& question) {
     for (auto const& row : rows) {
         for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], WidthOf(row[i]));
     }
-    std::string text = fmt::format("{}: {} records\n", ForTerminal(question.key), reply_.Rows().size());
+    std::string text = fmt::format("{}: {}\n", ForTerminal(question.key), Count(reply_.Rows().size(), "record"));
     for (auto const& row : rows) {
         for (std::size_t i = 0; i < row.size(); ++i) {
             std::string const padding(widths[i] - WidthOf(row[i]), ' ');
@@ -395,13 +391,16 @@ ExitCode QueryCommand::AskForLines() {
     if (!stats_ && plotName_.empty()) {
         if (ExitCode const opened = OpenOutput(*output_); opened != DONE) return opened;
     }
+    std::ios::sync_with_stdio(false);  // so that the stream can tell whether a line is there
     Question question = question_;
-    while (std::getline(std::cin, question.key)) {
+    for (;;) {
+        // While the next line is waited for, others are served.
+        if (std::cin.rdbuf()->in_avail() <= 0) client_->Leave();
+        if (!std::getline(std::cin, question.key)) return DONE;
         if (question.key.ends_with('\r')) question.key.pop_back();
         if (ExitCode const asked = Ask(question); asked != DONE) return asked;
         if (ExitCode const printed = Print(question); printed != DONE) return printed;
     }
-    return DONE;
 }
 
 ExitCode QueryCommand::Converse() {
@@ -409,7 +408,7 @@ ExitCode QueryCommand::Converse() {
     std::string line;
     std::vector<std::string> words;
     bool isQuoted = false;
-    fmt::print(stderr, "A key, or help, or quit.\n");
+    WriteToErrors("A key, or help, or quit.\n");
     while (editor.Read(line)) {
         if (!SplitWords(line, words, isQuoted) || words.size() > 3) {
             Warn("a line is KEY, KEY FROM or KEY FROM TO; help tells more");
@@ -433,61 +432,52 @@ ExitCode QueryCommand::Converse() {
         // While the user thinks, others are served.
         client_->Leave();
         if (!asked) continue;
-        RecordFormat const format = format_ == "csv"     ? RecordFormat::CSV
-                                    : format_ == "jsonl" ? RecordFormat::JSONL
-                                                         : RecordFormat::TABLE;
-        output_.emplace(format, shown_, std::vector<std::string>(), timeName_);
+        output_.emplace(FormatOf(format_), shown_, std::vector<std::string>(), timeName_);
         if (!stats_ && plotName_.empty()) {
             if (ExitCode const opened = OpenOutput(*output_); opened != DONE) return opened;
         }
         if (ExitCode const printed = Print(question); printed != DONE) return printed;
     }
-    fmt::print("\n");
-    return DONE;
+    return PrintText("\n");
+}
+
+// Waits for the next look, if it is not the first, and asks. A signal ends it at once, a reader that has gone soon.
+QueryClient::Result QueryCommand::Look(brindle_Value const& key, bool isFirst, bool& isRead) {
+    EndOnSignal const endAtOnce;
+    pollfd output = {STDOUT_FILENO, 0, 0};
+    isRead = isFirst || poll(&output, 1, FOLLOW_PAUSE_MS) <= 0;
+    if (!isRead) return QueryClient::REPLIED;
+    QueryClient::Result const result = client_->Ask(key, question_.fromUs, question_.toUs, reply_);
+    int const error = errno;
+    client_->Leave();
+    errno = error;
+    return result;
 }
 
 ExitCode QueryCommand::Follow() {
+    brindle_Value key;
+    if (ExitCode const parsed = ParseKey(question_, key); parsed != DONE) return parsed;
     StopSignals const stop;
     if (ExitCode const opened = OpenOutput(*output_); opened != DONE) return opened;
     output_->StopOn(stop.Descriptor());
-    // What the last reply held, record by record: what a reply has beyond that is new. Records that leave the window
-    // are gone from both.
-    RecordCounts before;
+    NewRows seen;
     bool wasTold = false;
     for (bool isFirst = true;; isFirst = false) {
-        bool isAnswered = false;
-        {
-            EndOnSignal const endAtOnce;
-            if (!isFirst) poll(nullptr, 0, FOLLOW_PAUSE_MS);
-            brindle_Value key;
-            if (!ParseValue(question_.key, spec_.Type(0), key)) {
-                return Fail(USAGE, "the key '{}' is not of type {}", question_.key, TypeName(spec_.Type(0)));
-            }
-            QueryClient::Result const result = client_->Ask(key, question_.fromUs, question_.toUs, reply_);
-            client_->Leave();
-            isAnswered = result == QueryClient::REPLIED;
-            if (result == QueryClient::BAD_KEY || result == QueryClient::UNKNOWN_HOST ||
-                result == QueryClient::BAD_REPLY || (isFirst && !isAnswered)) {
-                return Explain(result, question_);
-            }
-            if (!isAnswered && !wasTold) {
-                static_cast<void>(Explain(result, question_));
-                Say("goes on when the server answers again");
-            }
-            wasTold = !isAnswered;
+        bool isRead = true;
+        QueryClient::Result const result = Look(key, isFirst, isRead);
+        if (!isRead) return Fail(IO_ERROR, "standard output: nobody reads it any more");
+        bool const isAnswered = result == QueryClient::REPLIED;
+        if (result == QueryClient::BAD_KEY || result == QueryClient::UNKNOWN_HOST || result == QueryClient::BAD_REPLY ||
+            (isFirst && !isAnswered)) {
+            return Explain(result, question_);
         }
+        if (!isAnswered && !wasTold) {
+            static_cast<void>(Explain(result, question_));
+            Say("goes on when the server answers again");
+        }
+        wasTold = !isAnswered;
         if (!isAnswered) continue;
-        RecordCounts now;
-        reply_.KeepIf([&](QueryReply::Row const& row) {
-            std::span<unsigned char const> const bytes = reply_.Bytes(row);
-            KeyHash const hash = KeyHash::Of({reinterpret_cast<char const*>(bytes.data()), bytes.size()});
-            ++now[hash];
-            auto const known = before.find(hash);
-            if (known == before.end() || known->second == 0) return true;
-            --known->second;
-            return false;
-        });
-        before = std::move(now);
+        seen.LeaveIn(reply_);
         if (isFirst && limit_ > 0) reply_.KeepNewest(static_cast<std::size_t>(limit_));
         AddRows();
         int const error = output_->Flush();

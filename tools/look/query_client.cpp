@@ -97,7 +97,10 @@ QueryClient::Result QueryClient::Connect() {
     }
     connection_.emplace();
     brindle_Result const opened = connection_->Open(address_, wait_);
-    if (opened == BRINDLE_DONE) return REPLIED;
+    if (opened == BRINDLE_DONE) {
+        connection_->EndSecondFirst();
+        return REPLIED;
+    }
     int const error = errno;
     Leave();
     errno = error;

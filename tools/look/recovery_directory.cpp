@@ -11,6 +11,8 @@
 #include <cstdlib>
 #include <memory>
 
+#include "terminal_text.h"
+
 namespace {
 
 struct DirectoryCloser {
@@ -120,7 +122,9 @@ std::vector<std::string> ProcessesUsing(std::string const& directory) {
     while (dirent const* const entry = readdir(processes.get())) {
         std::string const id = entry->d_name;
         if (id.find_first_not_of("0123456789") != std::string::npos || id == own) continue;
-        if (HasOpen("/proc/" + id + "/fd", folder)) users.push_back(id + " (" + LineOf("/proc/" + id + "/comm") + ")");
+        if (HasOpen("/proc/" + id + "/fd", folder)) {
+            users.push_back(id + " (" + ForTerminal(LineOf("/proc/" + id + "/comm")) + ")");
+        }
     }
     return users;
 }

@@ -16,6 +16,7 @@
 #include "key_file_walker.h"
 #include "recovery_check.h"
 #include "recovery_directory.h"
+#include "terminal_text.h"
 
 namespace {
 
@@ -152,9 +153,8 @@ class RecoveryRepair::Log {
         if (!WriteKept() || (out_.IsOpen() && !out_.Finish())) return false;
         if (!refused_.IsOpen()) return true;
         if (!refused_.Finish()) return false;
-        repair_.report_.parts.push_back({path_, refusedFrom_, refusedBytes_,
-                                         fmt::format("{} whole record(s) that a replay refuses", refusedCount_),
-                                         name_});
+        repair_.report_.parts.push_back(
+            {path_, refusedFrom_, refusedBytes_, Count(refusedCount_, "whole record") + " refused by a replay", name_});
         repair_.report_.setAsideBytes += refusedBytes_;
         repair_.report_.leftOut += refusedCount_;
         return true;
@@ -187,7 +187,8 @@ class RecoveryRepair::Log {
         long copied = 0;
         if (!refused_.CopyFrom(from_, record.start.offset, record.bytes, copied)) return false;
         return repair_.contents_->Append(fmt::format(
-            "{}: from {}, offset {}, {} bytes: {}\n", name_, path_, record.start.offset, record.bytes,
+            "{}: from {}, offset {}, {}: {}\n", name_, path_, record.start.offset,
+            Count(static_cast<unsigned long>(record.bytes), "byte"),
             tooLarge ? "too large for a ship message" : fmt::format("the time {} is negative", record.timeUs)));
     }
 

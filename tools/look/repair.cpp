@@ -43,6 +43,8 @@ bool IsInside(std::string const& path, std::string const& folder) {
     return path == folder || path.starts_with(folder + "/");
 }
 
+std::string Bytes(long bytes) { return Count(static_cast<unsigned long>(bytes), "byte"); }
+
 class RepairCommand : public Command {
  public:
     void Declare(CLI::App& program) override;
@@ -99,14 +101,14 @@ ExitCode RepairCommand::Tell(RepairReport const& report) {
     for (std::string const& note : report.notes) Warn("{}", ForTerminal(note));
     for (std::size_t i = 0; i < std::min(report.parts.size(), SHOWN_MAX); ++i) {
         SetAsidePart const& part = report.parts[i];
-        Warn("{}: offset {}, {} bytes set aside: {}", ForTerminal(part.from), part.offset, part.bytes, part.reason);
+        Warn("{}: offset {}, {} set aside: {}", ForTerminal(part.from), part.offset, Bytes(part.bytes), part.reason);
     }
     if (report.parts.size() > SHOWN_MAX)
-        Warn("and {} parts more; {}/contents.txt", report.parts.size() - SHOWN_MAX, aside_);
-    Say("{}: {} records, {} bytes, {} keys, {} file{}", into_, report.records, report.bytes, report.keys, report.files,
-        report.files == 1 ? "" : "s");
+        Warn("and {} more; {}/contents.txt", Count(report.parts.size() - SHOWN_MAX, "part"), aside_);
+    Say("{}: {}, {}, {}, {}", into_, Count(report.records, "record"), Bytes(report.bytes), Count(report.keys, "key"),
+        Count(report.files, "file"));
     if (!report.parts.empty()) {
-        Say("{} bytes set aside in {}; contents.txt there tells where they come from", report.setAsideBytes, aside_);
+        Say("{} set aside in {}; contents.txt there tells where from", Bytes(report.setAsideBytes), aside_);
     }
     nlohmann::json parts = nlohmann::json::array();
     for (SetAsidePart const& part : report.parts) {

@@ -49,7 +49,7 @@ bool ReplaceFile(std::string const& path, std::string_view text) {
     return SyncDirectory(FolderOf(path));
 }
 
-std::optional<std::string> ReadFile(std::string const& path) {
+std::optional<std::string> ReadFile(std::string const& path, std::size_t bytesMax) {
     sutl_Descriptor const file = sutl_OpenFile(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (!file.IsOpen()) return std::nullopt;
     std::string text;
@@ -59,5 +59,9 @@ std::optional<std::string> ReadFile(std::string const& path) {
         if (got < 0) return std::nullopt;
         if (got == 0) return text;
         text.append(piece, static_cast<std::size_t>(got));
+        if (text.size() > bytesMax) {
+            errno = EFBIG;
+            return std::nullopt;
+        }
     }
 }

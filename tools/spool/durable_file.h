@@ -1,6 +1,7 @@
 // Small files that are replaced whole.
 #pragma once
 
+#include <limits>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -9,8 +10,9 @@
 // with errno set when it could not be done; the old text is still there then.
 [[nodiscard]] bool ReplaceFile(std::string const& path, std::string_view text);
 
-// The whole file. None with errno set when it cannot be read; ENOENT when there is none.
-[[nodiscard]] std::optional<std::string> ReadFile(std::string const& path);
+// The whole file. None with errno set when it cannot be read: ENOENT when there is none, EFBIG when it is longer.
+[[nodiscard]] std::optional<std::string> ReadFile(std::string const& path,
+                                                  std::size_t bytesMax = std::numeric_limits<std::size_t>::max());
 
 // The directory in which a path lies.
 [[nodiscard]] std::string FolderOf(std::string const& path);

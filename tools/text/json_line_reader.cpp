@@ -69,18 +69,9 @@ RowResult JsonLineReader::Next(std::vector<JsonMember>& members) {
                 return RowResult::CORRUPT;
             }
             if (!buffer_.Ended()) {
-                switch (buffer_.Fill()) {
-                    case ByteSource::BYTES:
-                    case ByteSource::END:
-                        continue;
-                    case ByteSource::WAITING:
-                        return RowResult::WAITING;
-                    case ByteSource::CORRUPT:
-                        problem_ = buffer_.Problem();
-                        return RowResult::CORRUPT;
-                    case ByteSource::FAILED:
-                        return RowResult::READ_ERROR;
-                }
+                RowResult const filled = buffer_.FillRow(problem_);
+                if (filled == RowResult::ROW) continue;
+                return filled;
             }
             if (held.empty()) return RowResult::END;
         }

@@ -24,6 +24,11 @@ bool IsNumber(suts_FieldType type) { return type != SUTS_STRING64; }
 
 }  // namespace
 
+RecordFormat FormatOf(std::string_view name) {
+    if (name == "csv") return RecordFormat::CSV;
+    return name == "jsonl" ? RecordFormat::JSONL : RecordFormat::TABLE;
+}
+
 RecordOutput::RecordOutput(RecordFormat format, suts_tsspec const& spec, std::vector<std::string> leadingNames,
                            std::string timeName)
     : format_(format), spec_(spec), record_(spec, std::move(leadingNames), std::move(timeName)) {}

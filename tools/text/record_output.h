@@ -18,6 +18,9 @@ enum class RecordFormat : std::uint8_t {
     TABLE   // aligned columns for people; the time as ISO 8601
 };
 
+// The format of a name: csv, jsonl, and a table for any other.
+[[nodiscard]] RecordFormat FormatOf(std::string_view name);
+
 // Writes records, each with its time and, before that, further numbers if the caller has some. What was added is
 // written when enough has come together and at Flush; a table in pages of TABLE_PAGE_ROWS, whose columns are as wide as
 // the widest value so far. After a failed write everything further is dropped. One thread at a time.
@@ -38,6 +41,9 @@ class RecordOutput {
 
     // Writes what was added. Returns 0, or the errno of the first write that failed: this one or an earlier one.
     [[nodiscard]] int Flush();
+
+    // What is added is lost, as Flush will tell.
+    [[nodiscard]] bool HasFailed() const { return error_ != 0; }
 
     // Gives writing up (ECANCELED) while the reader of the output does not take it and this descriptor is readable.
     void StopOn(int descriptor) { stopDescriptor_ = descriptor; }

@@ -27,3 +27,19 @@ ByteSource::Result RowBuffer::Fill() {
     ended_ = result == ByteSource::END;
     return result;
 }
+
+RowResult RowBuffer::FillRow(char const*& problem) {
+    switch (Fill()) {
+        case ByteSource::BYTES:
+        case ByteSource::END:
+            break;
+        case ByteSource::WAITING:
+            return RowResult::WAITING;
+        case ByteSource::CORRUPT:
+            problem = source_.Problem();
+            return RowResult::CORRUPT;
+        case ByteSource::FAILED:
+            return RowResult::READ_ERROR;
+    }
+    return RowResult::ROW;
+}

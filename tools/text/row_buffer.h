@@ -29,6 +29,9 @@ class RowBuffer {
     // One read; END when nothing more comes. Texts taken before end to be valid. Never blocks.
     [[nodiscard]] ByteSource::Result Fill();
 
+    // The same for a reader of rows: ROW when there is more to look at, and otherwise how the reader answers.
+    [[nodiscard]] RowResult FillRow(char const*& problem);
+
     [[nodiscard]] std::string_view Held() const { return {bytes_.get() + begin_, end_ - begin_}; }
     [[nodiscard]] std::size_t BytesBehind() const { return room_ + PADDING_BYTES - end_; }  // that may be looked at
     void Pass(std::size_t bytes) {
@@ -37,7 +40,6 @@ class RowBuffer {
     }
     [[nodiscard]] unsigned long Offset() const { return offset_; }  // of what is held, in the source
     [[nodiscard]] bool Ended() const { return ended_; }
-    [[nodiscard]] char const* Problem() const { return source_.Problem(); }
 
     // Forgets what is held: the source was moved to this place.
     void StartAt(unsigned long offset) {

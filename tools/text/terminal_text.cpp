@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <charconv>
 #include <clocale>
+#include <cstdio>
 #include <cstdlib>
 #include <iterator>
 
@@ -73,6 +74,15 @@ std::string ForTerminal(std::string_view text) {
         text.remove_prefix(bytes);
     }
     return shown;
+}
+
+std::string Count(unsigned long number, std::string_view what) {
+    return fmt::format("{} {}{}", number, what, number == 1 ? "" : "s");
+}
+
+void WriteToErrors(std::string const& text) {
+    fputs(text.c_str(), stderr);
+    fflush(stderr);
 }
 
 bool IsUtf8(std::string_view text) {

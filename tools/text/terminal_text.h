@@ -16,6 +16,12 @@
 // The first 20 of these with commas between, and how many more there are.
 [[nodiscard]] std::string ShownList(std::span<std::string_view const> texts);
 
+// "1 record", "2 records".
+[[nodiscard]] std::string Count(unsigned long number, std::string_view what);
+
+// Writes to standard error in one piece. What cannot be written there cannot be told anywhere.
+void WriteToErrors(std::string const& text);
+
 [[nodiscard]] bool IsUtf8(std::string_view text);
 
 // The columns that such a text takes. In a locale without UTF-8 every character takes one.
