@@ -5,12 +5,15 @@ import io
 import json
 import os
 import pty
+import shlex
 import shutil
 import signal
+import socket
+import subprocess
 
 import wire
-from running import wait_until
-from runs import Run, expect, expect_same_records, fill, read_all, records_of
+from running import free_ports, wait_until
+from runs import BINARIES, Run, expect, expect_same_records, fill, read_all, records_of
 from tools import COLUMNS, SCHEMA, START_US, TYPES, Brindlectl, addresses
 from wire import float_bits
 
@@ -33,8 +36,9 @@ class Directories(Brindlectl):
         expect("rows", rows.out(), COLUMNS + f'{START_US},k,-1,2,0.5,"a,b"\n')
         expect("told", rows.errors(), f"brindlectl dump: 1 record in {log}\nbrindlectl dump: {log}/F2: the log is cut at "
                "offset 38: the log ends inside a field; check tells more\n")
-        lines = dump(0)
-        expect("told", lines.errors(), f" k  -> {START_US}  -1  2  0.500000  a,b \nWARNING: Incomplete recovery file\n")
+        lines = dump(1)
+        expect("told", lines.errors(), f" k  -> {START_US}  -1  2  0.500000  a,b \nWARNING: Incomplete recovery file\n" +
+               rows.errors().partition("\n")[2])
         expect("keys", dump(1, "--keys", "--format", "csv").out(), "key,records,in_key_file\nk,1,1\nx,0,1\n")
         for count, options in ((1, ["--limit", 1]), (1, ["--key", "x", "--key", "k"]), (0, ["--key", "x"]),
                                (0, ["--from", START_US + 1]), (1, ["--to", START_US])):
@@ -161,6 +165,39 @@ class Queries(Brindlectl):
         tool.process.send_signal(signal.SIGINT)
         expect("status", tool.wait_end(), 0)
 
+    def test_query_follows_over_a_start_of_the_server(self) -> None:
+        """A replay that is placed bit by bit shows nothing twice; the newest record may come before others."""
+        records = [(b"k", START_US + i, i, i, 0, b"%d" % i) for i in range(4)]
+        listeners = [socket.create_server(("127.0.0.1", port)) for port in free_ports(2)]
+        tool = self.tool("query", "--spec", self.spec, "--query", addresses([one.getsockname()[1] for one in listeners]),
+                         "k", "--follow", "--format", "csv", "--fields", "note")
+        for shown in ([0, 1, 2], [], [2], [1, 2, 3], [0, 1, 2, 3]):
+            pair = [listener.accept()[0] for listener in listeners]
+            pair[0].recv(4096)
+            pair[1].sendall(wire.frame(SCHEMA.encode_records([records[i] for i in shown])))
+            expect("its ends", [one.recv(1) for one in reversed(pair)], [b"", b""])
+            for one in pair:
+                one.close()
+        tool.process.send_signal(signal.SIGTERM)
+        expect("status", tool.wait_end(), 0)
+        expect("rows", [line.split(",")[1] for line in tool.out().splitlines()[1:]], ["0", "1", "2", "3"])
+        for listener in listeners:
+            listener.close()
+
+    def test_send_reads_back_what_query_prints(self) -> None:
+        texts = [b"", b'a,"b"\r\n\t\\', b"\n", b"\xFF\x41", b"\x1b[31m", b" blank ", b"nan", "\u00e9\U0001F600".encode()]
+        reals = [0, 1 << 63, 1, 0x7FF8 << 48, 0xFFF0000000000001, 0x7FF << 52, float_bits(0.1), float_bits(2.0**53)]
+        records = [(b"k\xFF", START_US + i, -i, 2**63 - 1 - i, real, text) for i, (text, real) in enumerate(zip(texts, reals))]
+        run = self.staged(records)
+        for form in ("csv", "jsonl"):
+            key = self.tool("query", "--spec", self.spec, "--query", addresses(run.query_ports), "--format", form)
+            key.feed(b"k\xFF\n")
+            expect("status", key.wait_end(), 0)
+            other = self.server()
+            source = self.file("shown." + form, key.paths[0].read_bytes())
+            self.ended(0, *self.send(other, source))
+            self.finish(other, records)
+
     def test_query_waits_for_its_turn(self) -> None:
         run = self.staged([ONE])
         other = run.client()
@@ -194,6 +231,17 @@ class Queries(Brindlectl):
 
 
 class Others(Brindlectl):
+    def test_a_full_disk_and_a_reader_that_leaves_end_every_command(self) -> None:
+        log = fill(self.directory / "log", {"KeyFile": b"", "F1": SCHEMA.encode_log([ONE] * 4000)})
+        for arguments in (["dump", "--format", "csv", "--spec", self.spec, log], ["check", "--spec", self.spec, log],
+                          ["top", "--once", "--interval", "100ms", "--log", self.spec, "--name", "nobody"]):
+            for out in ("/dev/full", "| true"):
+                with self.subTest(arguments[0] + out):
+                    line = shlex.join(map(str, [BINARIES / "brindlectl", *arguments])) + " 2>/dev/full"
+                    line += f" >{out}" if out[0] == "/" else f" {out}; exit ${{PIPESTATUS[0]}}"
+                    ended = subprocess.run(["bash", "-c", line], check=False, timeout=60).returncode
+                    self.assertIn(ended, (74,) if out[0] == "/" else (0, 74))  # a reader may leave behind a short text
+
     def test_exit_status_tells_who_is_at_fault(self) -> None:
         odd = self.file("odd.spec", "Rec int32 a int64 b float64")
         empty = self.file("empty.spec", "Rec")

@@ -3,8 +3,10 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -19,6 +21,7 @@
 #include "ship_ports.h"
 #include "stop_signals.h"
 #include "sutl_frame.h"
+#include "terminal_text.h"
 
 namespace {
 
@@ -103,6 +106,15 @@ class TemporaryDirectory {
 bool WriteFile(std::string const& path, std::string_view text) {
     sutl_Descriptor const file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
     return file.IsOpen() && sutl_FileWrite(file.Get(), text.data(), text.size()) == static_cast<long>(text.size());
+}
+
+// The end of what a server has said, on one line that a terminal can bear.
+std::string LastWords(std::string const& path) {
+    constexpr std::size_t SHOWN = 1000;
+    std::string said = ReadSmallFile(path);
+    said.erase(0, said.size() - std::min(SHOWN, said.size()));
+    std::replace(said.begin(), said.end(), '\n', ' ');
+    return ForTerminal(said);
 }
 
 bool HaveSameTypes(suts_tsspec const& one, suts_tsspec const& other) {
@@ -312,7 +324,7 @@ ExitCode BenchCommand::StartOwn(std::string const& directory, int stop, bench_Pa
         data_ = {"127.0.0.1", ports[2], ports[3]};
         query_ = {"127.0.0.1", ports[4], ports[5]};
         std::string const recovery = fmt::format("{}/recovery-{}", directory, attempt);
-        std::filesystem::create_directory(recovery);
+        if (mkdir(recovery.c_str(), 0700) != 0) return Fail(IO_ERROR, "{}: {}", recovery, strerror(errno));
         ShipPorts consumer;
         if (consumer.Listen(ship_) != BRINDLE_DONE) continue;
         std::vector<std::string> arguments = {specPath_, recovery, "127.0.0.1"};
@@ -334,7 +346,7 @@ ExitCode BenchCommand::StartOwn(std::string const& directory, int stop, bench_Pa
         server_.Kill();
         if (ReadSmallFile(errorPath).find("Address already in use") == std::string::npos) break;
     }
-    return Fail(UNAVAILABLE, "{}: the server does not serve; it said: {}", serverPath_, ReadSmallFile(errorPath));
+    return Fail(UNAVAILABLE, "{}: the server does not serve; it said: {}", serverPath_, LastWords(errorPath));
 }
 
 ExitCode BenchCommand::ReachGiven(int stop, bench_Pair& data, bench_Pair& ship) {
@@ -392,11 +404,7 @@ ExitCode BenchCommand::Report(LoadRun& run, bench_Workload const& workload, std:
         usage_.cpuSeconds = server_.CpuSeconds();
         usage_.cpuBefore = 0;
         if (reason.empty() && status != 0) reason = fmt::format("the server ended with {}", status);
-        if (!reason.empty()) {
-            std::string const said = ReadSmallFile(errorPath);
-            constexpr std::size_t SHOWN = 1000;
-            Warn("the server's last words: {}", said.substr(said.size() - std::min(SHOWN, said.size())));
-        }
+        if (!reason.empty()) { Warn("the server's last words: {}", LastWords(errorPath)); }
     }
     bench_Producer const& producer = run.Producer();
     auto const records = static_cast<double>(producer.Records());
@@ -441,10 +449,7 @@ ExitCode BenchCommand::Report(LoadRun& run, bench_Workload const& workload, std:
     if (WantsJson()) {
         if (ExitCode const printed = PrintResult(result); printed != DONE) return printed;
     } else {
-        std::string const table = Table(run, result);
-        if (sutl_FileWrite(STDOUT_FILENO, table.data(), table.size()) != static_cast<long>(table.size())) {
-            return Fail(IO_ERROR, "standard output: writing failed: {}", strerror(errno));
-        }
+        if (ExitCode const printed = PrintText(Table(run, result)); printed != DONE) return printed;
     }
     return reason.empty() ? DONE : Fail(REJECTS, "not verified: {}", reason);
 }

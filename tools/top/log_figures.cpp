@@ -1,7 +1,7 @@
 #include "log_figures.h"
 
 #include <algorithm>
-#include <cstdio>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 
@@ -65,14 +65,14 @@ constexpr Meaning MEANINGS[] = {
 constexpr std::string_view USUAL[] = {"TShp: Keys sent:", "TOrg -> Termination received", "TShp: Terminating..",
                                       " Playback info", "<<<<<<<"};
 
-// The number behind a text that the line holds.
+// The number behind a text that the line holds; none that a long does not hold.
 bool NumberBehind(std::string_view line, std::string_view text, unsigned long& number) {
     std::size_t const at = line.find(text);
     if (at == std::string_view::npos) return false;
     std::string const digits(line.substr(at + text.size(), 24));
     char* end = nullptr;
     number = strtoul(digits.c_str(), &end, 10);
-    return end != digits.c_str();
+    return end != digits.c_str() && number <= LONG_MAX;
 }
 
 bool Holds(std::string_view line, std::string_view text) { return line.find(text) != std::string_view::npos; }

@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 namespace {
 
 constexpr std::size_t READ_BYTES = 64UL * 1024;
@@ -42,10 +44,15 @@ void LogFollower::Read(std::function<void(std::string_view)> const& take) {
     struct stat held = {};
     struct stat named = {};
     if (file_.IsOpen()) {
-        if (fstat(file_.Get(), &held) == 0 && held.st_size < position_) position_ = 0;
+        if (fstat(file_.Get(), &held) == 0 && held.st_size < position_) {
+            position_ = 0;
+            rest_.clear();
+        }
         ReadToEnd(take);
         bool const moved = stat(path_.c_str(), &named) == 0 && !AreSame(held, named);
         if (!moved || WriterHoldsFile()) return;
+        // What came before it was moved, and since it was read.
+        ReadToEnd(take);
         rest_.clear();
     }
     file_ = sutl_Descriptor(open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
@@ -70,7 +77,7 @@ void LogFollower::ReadToEnd(std::function<void(std::string_view)> const& take) {
         ssize_t const got = isPipe_ ? read(file_.Get(), piece.data(), piece.size())
                                     : pread(file_.Get(), piece.data(), piece.size(), position_);
         if (got <= 0) {
-            if (isPipe_ && (got == 0 || errno != EINTR)) file_.Close();
+            if (isPipe_ && (got == 0 || (errno != EINTR && errno != EAGAIN))) file_.Close();
             return;
         }
         position_ += got;

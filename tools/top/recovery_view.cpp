@@ -99,7 +99,7 @@ std::size_t RecoveryView::EntryBytes(unsigned char const* at, std::size_t left) 
 }
 
 void RecoveryView::CountKeys() {
-    sutl_Descriptor const file(open((directory_ + "/KeyFile").c_str(), O_RDONLY | O_CLOEXEC));
+    sutl_Descriptor const file(open((directory_ + "/KeyFile").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     if (!file.IsOpen()) return;
     if (!keys) keys = 0;
     std::vector<unsigned char> piece(SAMPLE_BYTES);
@@ -133,7 +133,8 @@ void RecoveryView::SampleRecords() {
     if (number == sampledFile_ && (sampledBytes_ >= static_cast<long>(SAMPLE_BYTES) || size == sampledBytes_)) return;
     // A file that has just begun tells less than the one before it did.
     if (number != sampledFile_ && recordBytes && size < sampledBytes_) return;
-    sutl_Descriptor const file(open(fmt::format("{}/F{}", directory_, number).c_str(), O_RDONLY | O_CLOEXEC));
+    sutl_Descriptor const file(
+        open(fmt::format("{}/F{}", directory_, number).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     std::vector<unsigned char> piece(SAMPLE_BYTES);
     ssize_t const got = file.IsOpen() ? pread(file.Get(), piece.data(), piece.size(), 0) : -1;
     if (got <= 0) return;

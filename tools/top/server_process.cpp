@@ -17,6 +17,7 @@ namespace {
 constexpr std::size_t ARGUMENTS_MIN = 11;  // of a server, its program included
 constexpr std::size_t ARGUMENTS_MAX = 12;
 constexpr long US_PER_SECOND = 1000000;
+constexpr std::size_t SMALL_BYTES_MAX = 16UL << 20;
 
 // Calls with the name of each entry that is a number.
 template <typename Call>
@@ -92,10 +93,11 @@ std::string SeenFromHere(pid_t pid, std::string const& path) {
 }  // namespace
 
 std::string ReadSmallFile(std::string const& path) {
-    sutl_Descriptor const file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    // Never waits: the paths come from others' arguments, too.
+    sutl_Descriptor const file = sutl_OpenFile(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     std::string text;
     char piece[4096];
-    for (long got = file.IsOpen() ? 1 : 0; got > 0;) {
+    for (long got = file.IsOpen() ? 1 : 0; got > 0 && text.size() < SMALL_BYTES_MAX;) {
         got = sutl_ReadSome(file.Get(), piece, sizeof piece);
         if (got > 0) text.append(piece, static_cast<std::size_t>(got));
     }

@@ -42,5 +42,5 @@ struct ProcessUsage {
 
 // Two paths that lead to the same file or directory.
 [[nodiscard]] bool IsSameFile(std::string const& one, std::string const& other);
-// The whole of a small file such as those of /proc; empty when it cannot be read.
+// The whole of a small file such as those of /proc, the start of a large one; empty when it cannot be read.
 [[nodiscard]] std::string ReadSmallFile(std::string const& path);

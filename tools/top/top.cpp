@@ -3,12 +3,11 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstring>
 #include <nlohmann/json.hpp>
 
 #include "commands.h"
 #include "stop_signals.h"
+#include "terminal_text.h"
 #include "top_screen.h"
 
 namespace {
@@ -30,17 +29,6 @@ Examples:
   brindlectl top --once --json --recovery /var/lib/brindle/run7 --log /var/log/brindle.log | jq .lag_us)";
 
 constexpr long INTERVAL_MIN_US = 100000;
-
-// Whether texts of this user may hold more than ASCII.
-bool SpeaksUnicode() {
-    for (char const* const name : {"LC_ALL", "LC_CTYPE", "LANG"}) {
-        char const* const value = getenv(name);
-        if (value == nullptr || *value == '\0') continue;
-        std::string_view const text = value;
-        return text.find("UTF-8") != std::string_view::npos || text.find("utf8") != std::string_view::npos;
-    }
-    return false;
-}
 
 class TopCommand : public Command {
  public:
@@ -107,13 +95,11 @@ ExitCode TopCommand::ShowOnce(TopSampler& sampler, StopSignals const& signals) {
     Remember(sampler);
     std::string text;
     TopLook look;
-    TopTerminal::Size(look);
-    look.rows = 0;
+    look.columns = TerminalColumns(STDOUT_FILENO);
     look.colors = HasColor(STDOUT_FILENO);
-    look.blocks = !ascii_ && SpeaksUnicode();
+    look.blocks = !ascii_ && HasUtf8Locale();
     for (std::string const& line : TopLines(sampler, history_, look, false)) text += line + '\n';
-    if (sutl_FileWrite(STDOUT_FILENO, text.data(), text.size()) == static_cast<long>(text.size())) return DONE;
-    return Fail(IO_ERROR, "standard output: writing failed: {}", strerror(errno));
+    return PrintText(text);
 }
 
 ExitCode TopCommand::ShowOn(TopSampler& sampler, StopSignals const& signals) {
@@ -125,9 +111,10 @@ ExitCode TopCommand::ShowOn(TopSampler& sampler, StopSignals const& signals) {
     TopTerminal terminal;
     TopLook look;
     look.colors = HasColor(STDOUT_FILENO);
-    look.blocks = !ascii_ && SpeaksUnicode();
+    look.blocks = !ascii_ && HasUtf8Locale();
     bool paused = false;
-    Clock::time_point due = Clock::now();
+    // Not at once: speeds over a moment are no speeds.
+    Clock::time_point due = Clock::now() + std::chrono::microseconds(intervalUs_);
     for (;;) {
         TopTerminal::Size(look);
         if (!terminal.Draw(TopLines(sampler, history_, look, paused))) return DONE;

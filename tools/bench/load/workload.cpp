@@ -215,7 +215,9 @@ void bench_Workload::ForRecords(std::size_t frame, Call call) {
     unsigned char const* at = begin + SUTL_FRAME_HEADER_BYTES;
     while (at != end) {
         unsigned char const* const time = keyShape_.Behind(at, end);
+        if (time == nullptr) return;
         at = valueShape_.Behind(time + SUTS_NUMBER8_BYTES, end);
+        if (at == nullptr) return;  // never: the frame was made here
         call(begin + (time - begin), at);
     }
 }
