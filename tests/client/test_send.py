@@ -217,7 +217,7 @@ class Send(Brindlectl):
         json.loads(rejects.read_bytes().splitlines()[-1])  # blanks before the brace
         mended = rejects.read_bytes().splitlines()[6].replace(b"null", b"0.5")
         told = self.ended(0, "send", "--spec", self.spec, "--dry-run", self.file("again.jsonl", mended)).errors()
-        self.assertIn("1 record would be sent in 1 frame; 0 rows rejected; 1 keys; times from 2001-01-01T00:00:00Z", told)
+        self.assertIn("1 record would be sent in 1 frame; 0 rows rejected; 1 key; times from 2001-01-01T00:00:00Z", told)
 
     def test_other_names_empty_cells_and_times(self) -> None:
         run = self.server()

@@ -81,7 +81,7 @@ class Sink(Brindlectl):
                 wait_until("the records, before the stream ends", lambda: written() == out)
                 server.close()
                 self.ends(tool, 0)
-                expect("told", tool.errors(), "brindlectl sink: received: 1 cycles, 1 keys, 2 records\n")
+                expect("told", tool.errors(), "brindlectl sink: received: 1 cycle, 1 key, 2 records\n")
                 self.assertFalse(Path(options[-1][4:].rstrip("/") + ".spool").exists())
 
     def test_keeps_what_came_however_a_connection_ends(self) -> None:
@@ -142,7 +142,7 @@ class Sink(Brindlectl):
         summary = json.loads(tool.out())
         expect("summary", {name: summary[name] for name in ("cycles", "records", "dropped", "keys", "spool_bytes")},
                {"cycles": 4, "records": 3, "dropped": 1, "keys": 4, "spool_bytes": 0})
-        self.assertIn("cycle 1: 1 records, 1 keys, ", tool.errors())
+        self.assertIn("cycle 1: 1 record, 1 key, ", tool.errors())
 
     def test_goes_on_reading_while_its_store_is_locked(self) -> None:
         path = self.directory / "locked.db"

@@ -41,7 +41,7 @@ class Tutorial(Brindlectl):
                     continue
                 # The number of cycles depends on when the server ships.
                 seen = self.wait() if command == "wait" else self.run_shell(command)
-                expect(command, *(re.sub(r"\d+ cycles", "N cycles", text) for text in (seen, output)))
+                expect(command, *(re.sub(r"\d+ cycles?", "N cycles", text) for text in (seen, output)))
 
     def run_shell(self, command: str) -> str:
         return subprocess.run(command, shell=True, cwd=self.directory, env=self.environment, stdout=subprocess.PIPE,

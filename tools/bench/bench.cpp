@@ -114,7 +114,7 @@ std::string LastWords(std::string const& path) {
     std::string said = ReadSmallFile(path);
     said.erase(0, said.size() - std::min(SHOWN, said.size()));
     std::replace(said.begin(), said.end(), '\n', ' ');
-    return ForTerminal(said);
+    return said.empty() ? "nothing" : ForTerminal(said);
 }
 
 bool HaveSameTypes(suts_tsspec const& one, suts_tsspec const& other) {
@@ -457,9 +457,11 @@ ExitCode BenchCommand::Report(LoadRun& run, bench_Workload const& workload, std:
 std::string BenchCommand::Table(LoadRun const& run, nlohmann::json const& result) const {
     auto const number = [&result](char const* key) { return result.at(key).get<double>(); };
     constexpr double MB = 1e6;
-    std::string text = fmt::format("{}: {} records of {} keys in {} frames, window {} s, seed {}\n", preset_,
-                                   result.at("records").get<long>(), result.at("keys").get<long>(),
-                                   result.at("frames").get<long>(), windowUs_ / US_PER_SECOND, seed_);
+    std::string text =
+        fmt::format("{}: {} of {} in {}, window {} s, seed {}\n", preset_,
+                    Count(result.at("records").get<unsigned long>(), "record"),
+                    Count(result.at("keys").get<unsigned long>(), "key"),
+                    Count(result.at("frames").get<unsigned long>(), "frame"), windowUs_ / US_PER_SECOND, seed_);
     text += rate_ > 0 ? fmt::format("open loop at {} records/s: latencies count from when a frame was due\n\n", rate_)
                       : "closed loop, as fast as the server takes: latencies count from when a frame was sent\n\n";
     text += fmt::format("{:<26} {:>9} {:>9} {:>9}\n", "", "records/s", "MB/s", "seconds");
@@ -483,11 +485,11 @@ std::string BenchCommand::Table(LoadRun const& run, nlohmann::json const& result
                             number("server_cpu_ns_per_record"), number("server_peak_bytes") / MB);
     }
     text += fmt::format(
-        "the server kept the sender for {:.1f} % of its time; {} records left the window before a query found them\n",
-        100 * number("blocked_share"), run.Lost());
+        "the server kept the sender for {:.1f} % of its time; {} left the window before a query found them\n",
+        100 * number("blocked_share"), Count(run.Lost(), "record"));
     return text + (result.at("verified").get<bool>()
-                       ? fmt::format("verified: every record once and unharmed, blocks in order, in {} cycles\n",
-                                     run.Check().Cycles())
+                       ? fmt::format("verified: every record once and unharmed, blocks in order, in {}\n",
+                                     Count(run.Check().Cycles(), "cycle"))
                        : fmt::format("NOT VERIFIED: {}\n", result.at("reason").get<std::string>()));
 }
 

@@ -258,8 +258,8 @@ bool RecoveryRepair::SetAside(std::string const& from, std::size_t index, long o
     }
     if (!out.Finish()) return Fail(temporaryAside_);
     report_.setAsideBytes += part.bytes;
-    if (!contents_->Append(
-            fmt::format("{}: from {}, offset {}, {} bytes: {}\n", part.name, from, offset, part.bytes, reason))) {
+    if (!contents_->Append(fmt::format("{}: from {}, offset {}, {}: {}\n", part.name, from, offset,
+                                       Count(static_cast<unsigned long>(part.bytes), "byte"), reason))) {
         return Fail(temporaryAside_);
     }
     report_.parts.push_back(std::move(part));

@@ -108,7 +108,7 @@ ExitCode RepairCommand::Tell(RepairReport const& report) {
     Say("{}: {}, {}, {}, {}", into_, Count(report.records, "record"), Bytes(report.bytes), Count(report.keys, "key"),
         Count(report.files, "file"));
     if (!report.parts.empty()) {
-        Say("{} set aside in {}; contents.txt there tells where from", Bytes(report.setAsideBytes), aside_);
+        Say("{} set aside in {}; contents.txt there tells where they come from", Bytes(report.setAsideBytes), aside_);
     }
     nlohmann::json parts = nlohmann::json::array();
     for (SetAsidePart const& part : report.parts) {

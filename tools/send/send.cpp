@@ -19,6 +19,7 @@
 #include "send_input.h"
 #include "spooled_delivery.h"
 #include "stop_signals.h"
+#include "terminal_text.h"
 #include "time_text.h"
 #include "value_text.h"
 
@@ -610,9 +611,9 @@ void SendCommand::SaySummary() const {
         std::string last;
         if (hasTimes) AppendIsoTime(first, firstUs_);
         if (hasTimes) AppendIsoTime(last, lastUs_);
-        Say("{} record{} would be sent in {} frame{}; {} row{} rejected; {}{} keys{}{}{}{}", records,
+        Say("{} record{} would be sent in {} frame{}; {} row{} rejected; {}{}{}{}{}{}", records,
             records == 1 ? "" : "s", framesSent_, framesSent_ == 1 ? "" : "s", rejected_, rejected_ == 1 ? "" : "s",
-            keysExact_ ? "" : "more than ", keys_->Count(), hasTimes ? "; times from " : "", first,
+            keysExact_ ? "" : "more than ", Count(keys_->Count(), "key"), hasTimes ? "; times from " : "", first,
             hasTimes ? " to " : "", last);
     } else if (recordsSent_ > 0 || !skipsErrors_ || rejected_ == 0) {
         std::string more;

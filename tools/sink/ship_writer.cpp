@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 #include <thread>
 
+#include "terminal_text.h"
 #include "time_text.h"
 #include "value_text.h"
 
@@ -351,8 +352,9 @@ Destination::Status ShipWriter::Commit(Cycle const& cycle, bool isComplete) {
             auto const nowUs = std::chrono::duration_cast<std::chrono::microseconds>(now).count();
             lag = fmt::format(", lag {:.3f} s", 1e-6 * static_cast<double>(nowUs - cycle.newestUs));
         }
-        say_(fmt::format("cycle {}{}: {} records, {} keys, {} bytes, newest {}{}", number,
-                         isComplete ? "" : " (incomplete)", cycle.records, cycle.keys, cycle.bytes, newest, lag));
+        say_(fmt::format("cycle {}{}: {}, {}, {}, newest {}{}", number, isComplete ? "" : " (incomplete)",
+                         Count(cycle.records, "record"), Count(cycle.keys, "key"), Count(cycle.bytes, "byte"), newest,
+                         lag));
     }
     return Destination::OK;
 }

@@ -20,6 +20,7 @@
 #include "ship_spool.h"
 #include "ship_writer.h"
 #include "stop_signals.h"
+#include "terminal_text.h"
 
 namespace {
 
@@ -257,7 +258,8 @@ ExitCode SinkCommand::Report(ShipReceiver const& receiver, ShipWriter const& wri
     add(totals.merged, "equal ones merged");
     add(totals.dropped, "dropped by their key");
     add(totals.incomplete, totals.incomplete == 1 ? "incomplete cycle" : "incomplete cycles");
-    Say("received: {} cycles, {} keys, {} records{}", totals.cycles, totals.keys, totals.records, more);
+    Say("received: {}, {}, {}{}", Count(totals.cycles, "cycle"), Count(totals.keys, "key"),
+        Count(totals.records, "record"), more);
     ExitCode const printed = PrintResult({{"cycles", totals.cycles},
                                           {"incomplete", totals.incomplete},
                                           {"keys", totals.keys},

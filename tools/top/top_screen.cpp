@@ -9,6 +9,7 @@
 #include <array>
 #include <cmath>
 
+#include "terminal_text.h"
 #include "time_text.h"
 
 namespace {
@@ -107,7 +108,7 @@ void AddErrors(Page& page, TopSampler const& sampler, TopLook const& look) {
         page.Add("errors", sampler.HasLog() ? "none" : "? (no log)");
         return;
     }
-    page.Add("errors", fmt::format("{} line{}; the last:", log.troubles, log.troubles == 1 ? "" : "s"), RED);
+    page.Add("errors", Count(log.troubles, "line") + "; the last:", RED);
     std::size_t room = ERRORS_WITHOUT_ROWS;
     if (look.rows > 0) room = look.rows > page.Size() ? (look.rows - page.Size()) / 2 : 0;
     std::size_t const shown = std::min(room, log.latest.size());
@@ -190,7 +191,7 @@ std::vector<std::string> TopLines(TopSampler const& sampler, TopHistory const& h
                              OrUnknown(sample.shippedBytesPerSecond, perSecond), OrUnknown(sample.shippedBytes, Bytes),
                              OrUnknown(sample.unsentBytes, Bytes)));
     page.Add("recovery", recovery.exists
-                             ? fmt::format("{} file{}, {}; {}", recovery.files, recovery.files == 1 ? "" : "s",
+                             ? fmt::format("{}, {}; {}", Count(static_cast<unsigned long>(recovery.files), "file"),
                                            Bytes(static_cast<double>(recovery.bytes)), sample.recoveryPath)
                              : "? " + sample.recoveryPath);
     std::string cpu = OrUnknown(sample.cpuPercent, [](double value) { return fmt::format("{:.1f} %", value); });
