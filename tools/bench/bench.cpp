@@ -25,7 +25,7 @@
 
 namespace {
 
-constexpr char EXAMPLES[] =
+constexpr char BENCH_EXAMPLES[] =
     R"(Starts a server of its own, on free ports and in a temporary directory, unless --data and --ship name the ports of
 one that is about to start; that one ends with the load, as a server does with its producer.
 With --rate the load is open-loop: every frame has a time at which it must go, whether the server has taken the one
@@ -174,7 +174,7 @@ class BenchCommand : public Command {
 };
 
 void BenchCommand::Declare(CLI::App& program) {
-    Add(program, "bench", "Load a server, verify what it ships, and measure", EXAMPLES);
+    Add(program, "bench", "Load a server, verify what it ships, and measure", BENCH_EXAMPLES);
     AddOption("--preset", "NAME", "Records to send: ticks, many or wide; by default what fits --spec, or ticks",
               preset_);
     AddNumber("--records", "COUNT", "Records to send, rounded up to a frame; 0: by --seconds, or the preset's own",

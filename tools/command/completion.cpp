@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr char EXAMPLES[] =
+constexpr char COMPLETION_EXAMPLES[] =
     R"(Examples:
   brindlectl completion bash > /etc/bash_completion.d/brindlectl
   brindlectl completion fish > ~/.config/fish/completions/brindlectl.fish)";
@@ -211,7 +211,7 @@ class CompletionCommand : public Command {
  public:
     void Declare(CLI::App& program) override {
         program_ = &program;
-        Add(program, "completion", "Print the completion script of a shell", EXAMPLES);
+        Add(program, "completion", "Print the completion script of a shell", COMPLETION_EXAMPLES);
         AddArgument("shell", "bash, zsh or fish", shell_);
     }
 

@@ -3,7 +3,6 @@
 #include <fmt/ranges.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <iterator>
 #include <nlohmann/json.hpp>
@@ -16,7 +15,7 @@
 
 namespace {
 
-constexpr char EXAMPLES[] =
+constexpr char CHECK_EXAMPLES[] =
     R"(Walks every file of the directory by the schema, as a start of the server with this directory as its RecoverFromPath
 does, and changes nothing. It says what comes back, what is lost at the end of a log that was cut off, and what looks
 wrong. The log has no checksums: damage that still reads as records shows only in odd times, lengths and keys. Times are
@@ -81,7 +80,7 @@ class CheckCommand : public Command {
 };
 
 void CheckCommand::Declare(CLI::App& program) {
-    Add(program, "check", "Say what a replay of a recovery directory would bring back", EXAMPLES);
+    Add(program, "check", "Say what a replay of a recovery directory would bring back", CHECK_EXAMPLES);
     AddSpec();
     AddJson();
     AddFlag("--keys", "List every key, in the order first seen, and not only those with most records", allKeys_);
@@ -324,8 +323,7 @@ ExitCode CheckCommand::PrintJson(RecoveryReport const& report, ExitCode end) con
 
 ExitCode CheckCommand::Run() {
     if (ExitCode const loaded = LoadSpec(spec_); loaded != DONE) return loaded;
-    auto const now = std::chrono::system_clock::now().time_since_epoch();
-    long const nowUs = std::chrono::duration_cast<std::chrono::microseconds>(now).count();
+    long const nowUs = NowUs();
     CheckLimits limits;
     limits.keysMax = static_cast<unsigned long>(maxKeys_);
     limits.epochUs = YEAR_1971_US;

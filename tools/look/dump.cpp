@@ -21,7 +21,7 @@
 
 namespace {
 
-constexpr char EXAMPLES[] =
+constexpr char DUMP_EXAMPLES[] =
     R"(Shows the records that a server started with this directory as its RecoverFromPath would replay, and changes nothing.
 In the format lines each record is a line on standard error: key, time, fields, as the server itself writes them. The
 others go to --output: a table for people, CSV and JSON lines with times in microseconds, which send reads back. --key,
@@ -61,7 +61,7 @@ class DumpCommand : public Command {
 };
 
 void DumpCommand::Declare(CLI::App& program) {
-    Add(program, "dump", "Show the records of a recovery directory", EXAMPLES);
+    Add(program, "dump", "Show the records of a recovery directory", DUMP_EXAMPLES);
     AddSpec();
     AddTimeName();
     AddChoice("--format", {"lines", "table", "csv", "jsonl"}, format_);

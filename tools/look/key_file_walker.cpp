@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr std::size_t WINDOW_BYTES = 64UL * 1024;
+constexpr std::size_t KEY_FILE_WINDOW_BYTES = 64UL * 1024;
 // The rules of a start; docs/recovery-files.md tells them.
 constexpr long LENGTH_BYTES = 4;
 constexpr long TRUSTED_LENGTH_END = 1024;
@@ -22,7 +22,7 @@ KeyFileWalker::KeyFileWalker(suts_tsspec const& spec, std::string const& path)
     : spec_(spec),
       file_(sutl_OpenFile(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)),
       error_(file_.IsOpen() ? 0 : errno),
-      window_(WINDOW_BYTES) {}
+      window_(KEY_FILE_WINDOW_BYTES) {}
 
 // The bytes from a place on, as many as the window gives; none at the end of the file or after an error.
 unsigned char const* KeyFileWalker::Window(long offset, long& bytes) {

@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr std::size_t WINDOW_BYTES = 256UL * 1024;
+constexpr std::size_t LOG_WINDOW_BYTES = 256UL * 1024;
 constexpr long ZERO_RUN_MIN = 512;
 
 std::string_view TextAt(unsigned char const* from, long bytes) {
@@ -29,7 +29,7 @@ KeyHash KeyHash::Of(std::string_view key) {
 LogWalker::LogWalker(suts_tsspec const& spec, std::vector<LogFile> const& files)
     : spec_(spec),
       files_(files),
-      window_(WINDOW_BYTES),
+      window_(LOG_WINDOW_BYTES),
       // Two records of zeros in a row may be; more of them than that were never written.
       zeroRunMin_(std::max<long>(ZERO_RUN_MIN, 2L * (SUTS_LOG_HEAD_BYTES + SUTS_NUMBER8_BYTES * spec.fieldCount))) {}
 

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <iostream>
 #include <limits>
@@ -25,7 +24,7 @@
 
 namespace {
 
-constexpr char EXAMPLES[] =
+constexpr char QUERY_EXAMPLES[] =
     R"(Prints the records of one key that are still in the server's window and lie in the range of times, both ends included,
 by time. Times are ISO 8601 (UTC unless they say otherwise), microseconds since 1970, 'now', or relative to now: -5m,
 -2h, +10s; a table shows ISO 8601, CSV and JSON lines microseconds, so that send reads them back. A key that looks like
@@ -52,11 +51,6 @@ constexpr char HELP[] =
 
 constexpr int FOLLOW_PAUSE_MS = 1000;
 constexpr long TIME_MAX = std::numeric_limits<long>::max();
-
-long NowUs() {
-    auto const now = std::chrono::system_clock::now().time_since_epoch();
-    return std::chrono::duration_cast<std::chrono::microseconds>(now).count();
-}
 
 // Reads a time as the help tells. False for anything else. What would lie before 1970 is 1970.
 bool ParseQueryTime(std::string_view text, long& timeUs) {
@@ -182,7 +176,7 @@ class QueryCommand : public Command {
 };
 
 void QueryCommand::Declare(CLI::App& program) {
-    Add(program, "query", "Print the staged records of a key", EXAMPLES);
+    Add(program, "query", "Print the staged records of a key", QUERY_EXAMPLES);
     AddSpec();
     AddAddress("--query", "BRINDLE_QUERY", "The server's two query ports");
     AddWait();

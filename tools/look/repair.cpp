@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr char EXAMPLES[] =
+constexpr char REPAIR_EXAMPLES[] =
     R"(Writes a directory from which a start of the server replays every record that can be saved. The directories, oldest
 first, become one; records are kept byte for byte and in their order, files are numbered anew, and KeyFile holds the old
 one's keys and then those that only records have. The originals are only read. Records with negative times, which a
@@ -61,7 +61,7 @@ class RepairCommand : public Command {
 };
 
 void RepairCommand::Declare(CLI::App& program) {
-    Add(program, "repair", "Write a clean recovery directory from damaged ones", EXAMPLES);
+    Add(program, "repair", "Write a clean recovery directory from damaged ones", REPAIR_EXAMPLES);
     AddSpec();
     AddJson();
     AddOption("--into", "DIR", "The clean directory; must not exist, or be empty", into_);

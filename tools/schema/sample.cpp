@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <unordered_map>
 
@@ -31,8 +30,7 @@ constexpr long YEAR_US = 365L * 24 * 3600 * 1000000;
 constexpr long LIFE_US = 100 * YEAR_US;
 
 bool IsPlausible(long timeUs) {
-    auto const now = std::chrono::system_clock::now().time_since_epoch();
-    long const nowUs = std::chrono::duration_cast<std::chrono::microseconds>(now).count();
+    long const nowUs = NowUs();
     return timeUs >= YEAR_US && timeUs < nowUs + YEAR_US && nowUs - timeUs < LIFE_US;
 }
 

@@ -23,12 +23,12 @@
 
 namespace {
 
-constexpr char EXAMPLES[] =
+constexpr char SCHEMA_EXAMPLES[] =
     R"(Examples:
   brindlectl schema check flights.spec
   brindlectl schema guess flights.csv.gz > flights.spec)";
 
-constexpr char CHECK_EXAMPLES[] =
+constexpr char SCHEMA_CHECK_EXAMPLES[] =
     R"(Says with line and column what keeps a server from using the schema (78), or else how large its records are: on the
 wire of the data ports, in the server's memory beside their keys, and in its log. A text adds its own bytes to each.
 --json prints: name, fields (each with name and type), key, wire_bytes, memory_bytes, log_bytes, fixed_size (false where
@@ -37,7 +37,7 @@ Examples:
   brindlectl schema check flights.spec
   brindlectl schema check --json quakes.spec)";
 
-constexpr char GUESS_EXAMPLES[] =
+constexpr char SCHEMA_GUESS_EXAMPLES[] =
     R"(Reads the first rows of a file of any format that send takes, and prints a schema for it. Types are int32, int64,
 float64 or, when a value is none of these, string64. What it found out about times, the key and empty cells, and the
 command line of send, go to standard error.
@@ -73,7 +73,7 @@ Sizes SizesOf(suts_tsspec const& spec) {
 class CheckCommand : public Command {
  public:
     void Declare(CLI::App& program) override {
-        Add(program, "check", "Tell whether a schema can be used, and the size of its records", CHECK_EXAMPLES);
+        Add(program, "check", "Tell whether a schema can be used, and the size of its records", SCHEMA_CHECK_EXAMPLES);
         AddArgument("file", "The schema file, - for standard input", specPath_);
         AddJson();
     }
@@ -173,7 +173,7 @@ class GuessCommand : public Command {
 };
 
 void GuessCommand::Declare(CLI::App& program) {
-    Add(program, "guess", "Print a schema for the rows of a file", GUESS_EXAMPLES);
+    Add(program, "guess", "Print a schema for the rows of a file", SCHEMA_GUESS_EXAMPLES);
     AddArgument("file", "The file, - for standard input", path_);
     AddChoice("--format", {"csv", "tsv", "jsonl"}, format_);
     AddOption("--delimiter", "C", "What divides the values of csv, instead of a comma", delimiter_);
@@ -354,7 +354,7 @@ void GuessCommand::Advise(std::size_t time, std::size_t key, std::vector<std::si
 class SchemaCommand : public Command {
  public:
     void Declare(CLI::App& program) override {
-        Add(program, "schema", "Check a schema, or guess one from data", EXAMPLES);
+        Add(program, "schema", "Check a schema, or guess one from data", SCHEMA_EXAMPLES);
         CLI::App& own = *program.get_subcommand("schema");
         own.require_subcommand(1);
         check_.Declare(own);

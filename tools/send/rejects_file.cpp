@@ -9,12 +9,12 @@
 #include <cerrno>
 #include <cstring>
 
+#include "durable_file.h"
 #include "value_text.h"
 
 namespace {
 
 constexpr std::size_t WRITE_BYTES = 64UL * 1024;
-constexpr mode_t FILE_MODE = 0666;
 constexpr std::string_view LINE_NAME = "reject_line";
 constexpr std::string_view REASON_NAME = "reject_reason";
 

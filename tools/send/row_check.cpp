@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <chrono>
 #include <limits>
 
 #include "terminal_text.h"
@@ -41,8 +40,7 @@ std::vector<std::string> RowCheck::Columns() const {
 }
 
 void RowCheck::LookAtClock() {
-    auto const now = std::chrono::system_clock::now().time_since_epoch();
-    long const nowUs = std::chrono::duration_cast<std::chrono::microseconds>(now).count();
+    long const nowUs = NowUs();
     if (__builtin_add_overflow(nowUs, options_.maxFutureUs, &latestUs_)) latestUs_ = std::numeric_limits<long>::max();
     earliestUs_ = options_.maxPastUs < 0 ? 0 : nowUs - options_.maxPastUs;
 }

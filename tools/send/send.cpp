@@ -38,7 +38,7 @@ constexpr std::chrono::milliseconds PACE_STEP{1};     // shorter pauses are put 
 constexpr std::chrono::milliseconds PACE_LAG_MAX{10};
 constexpr unsigned long ROWS_PER_LOOK = 4096;  // for signals, while rows keep coming
 
-constexpr char EXAMPLES[] =
+constexpr char SEND_EXAMPLES[] =
     R"(FILE is CSV, TSV or JSON lines, plain or packed with gzip or zstd. The first row names the columns. Every field of the
 schema needs one, in any order; others are passed over. Times are ISO 8601 (UTC unless they say otherwise) or
 microseconds since 1970, unless --time-format says what they are. They must not be negative, nor lie further ahead than
@@ -176,7 +176,7 @@ class SendCommand : public Command {
 };
 
 void SendCommand::Declare(CLI::App& program) {
-    Add(program, "send", "Send the records of files to the server", EXAMPLES);
+    Add(program, "send", "Send the records of files to the server", SEND_EXAMPLES);
     AddSpec();
     AddAddress("--data", "BRINDLE_DATA", "The server's two data ports", false);
     AddWait();

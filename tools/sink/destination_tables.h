@@ -9,6 +9,8 @@
 #include "brindle_message.h"
 #include "destination.h"
 
+constexpr std::size_t REJECT_BYTES_MAX = 64UL << 20;  // of a record kept among the rejects
+
 // What a store calls the types, and its habits.
 struct TableStyle {
     char const* integer32;

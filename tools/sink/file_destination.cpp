@@ -6,19 +6,18 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <iterator>
 
 #include "durable_file.h"
 #include "file_journal.h"
 #include "record_text.h"
+#include "time_text.h"
 #include "value_text.h"
 
 namespace {
 
 constexpr std::size_t WRITE_BYTES = 256UL * 1024;  // gathered before a write
-constexpr mode_t DIRECTORY_MODE = 0777;            // as far as the user's mask lets
 constexpr char CYCLES_HEADER[] = "cycle,complete,records,keys,bytes,newest,rejected,committed\n";
 constexpr char REJECTS_HEADER[] = "cycle,reason,record\n";
 
@@ -191,8 +190,7 @@ Destination::Status FileDestination::Reject(unsigned long cycle, std::string_vie
 }
 
 void FileDestination::AppendCycle(SinkCycle const& cycle) {
-    auto const now = std::chrono::system_clock::now().time_since_epoch();
-    long const committedUs = std::chrono::duration_cast<std::chrono::microseconds>(now).count();
+    long const committedUs = NowUs();
     std::string const newest = cycle.newestUs >= 0 ? std::to_string(cycle.newestUs) : isCsv_ ? "" : "null";
     constexpr char JSON[] =
         R"({{"cycle":{},"complete":{},"records":{},"keys":{},"bytes":{},"newest":{},"rejected":{},"committed":{}}})"

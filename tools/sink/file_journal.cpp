@@ -16,7 +16,6 @@
 
 namespace {
 
-constexpr unsigned int FILE_MODE = 0666;  // as far as the user's mask lets
 constexpr std::string_view STATE_MARK = "brindle-files 1";
 
 int SyncDescriptor(int descriptor) {

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <bit>
 #include <charconv>
-#include <chrono>
 #include <cstring>
 
 #include "brindle_records.h"
@@ -13,20 +12,15 @@
 #include "postgresql_connection.h"
 #include "record_text.h"
 #include "sutl_netorder.h"
+#include "time_text.h"
 
 namespace {
 
-constexpr TableStyle STYLE = {
+constexpr TableStyle POSTGRESQL_STYLE = {
     "integer", "bigint", "double precision", "text", "timestamp with time zone", "bytea", "boolean", false, true};
 constexpr std::size_t BATCH_BYTES = 4UL << 20;                           // of rows, gathered before they are copied in
-constexpr std::size_t REJECT_BYTES_MAX = 64UL << 20;                     // of a record kept among the rejects
 constexpr std::size_t REJECT_TEXT_BYTES_MAX = 2 + 2 * REJECT_BYTES_MAX;  // \\x, and two digits for each
 constexpr std::size_t NAME_BYTES_MAX = 63;                               // PostgreSQL cuts longer names
-
-long NowUs() {
-    auto const now = std::chrono::system_clock::now().time_since_epoch();
-    return std::chrono::duration_cast<std::chrono::microseconds>(now).count();
-}
 
 // A row of the batch.
 struct BatchRow {
@@ -99,7 +93,7 @@ PostgresqlDestination::PostgresqlDestination(PostgresqlAddress address, suts_tss
                                              DestinationOptions const& options)
     : address_(std::move(address)),
       spec_(spec),
-      tables_(spec, options, STYLE),
+      tables_(spec, options, POSTGRESQL_STYLE),
       text_(spec, options.withBlocks ? std::vector<std::string>{"cycle", "block"} : std::vector<std::string>{},
             options.timeName),
       connection_(address_) {}

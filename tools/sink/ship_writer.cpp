@@ -348,9 +348,7 @@ Destination::Status ShipWriter::Commit(Cycle const& cycle, bool isComplete) {
         if (cycle.newestUs >= 0) {
             newest.clear();
             AppendIsoTime(newest, cycle.newestUs);
-            auto const now = std::chrono::system_clock::now().time_since_epoch();
-            auto const nowUs = std::chrono::duration_cast<std::chrono::microseconds>(now).count();
-            lag = fmt::format(", lag {:.3f} s", 1e-6 * static_cast<double>(nowUs - cycle.newestUs));
+            lag = fmt::format(", lag {:.3f} s", 1e-6 * static_cast<double>(NowUs() - cycle.newestUs));
         }
         say_(fmt::format("cycle {}{}: {}, {}, {}, newest {}{}", number, isComplete ? "" : " (incomplete)",
                          Count(cycle.records, "record"), Count(cycle.keys, "key"), Count(cycle.bytes, "byte"), newest,

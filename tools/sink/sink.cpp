@@ -27,7 +27,7 @@ namespace {
 constexpr char STANDARD_OUTPUT[] = "jsonl:-";
 constexpr char OWNER[] = "destination";  // the file in the spool that names what it is for
 
-constexpr char EXAMPLES[] =
+constexpr char SINK_EXAMPLES[] =
     R"(Destinations, in place of the default sqlite:brindle.db:
   sqlite:FILE               tables for records, keys, cycles and rejects, and a view with the schema's name
   postgresql://...          the same in a database
@@ -81,7 +81,7 @@ class SinkCommand : public Command {
 };
 
 void SinkCommand::Declare(CLI::App& program) {
-    Add(program, "sink", "Listen on the two ship ports and write the records shipped", EXAMPLES);
+    Add(program, "sink", "Listen on the two ship ports and write the records shipped", SINK_EXAMPLES);
     AddSpec();
     AddAddress("--ship", "BRINDLE_SHIP", "The two ship ports to listen on; host * for every address of this machine");
     AddOptionalArgument("destination", "Where the records go", destinationText_);

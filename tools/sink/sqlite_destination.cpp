@@ -4,22 +4,16 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <chrono>
 
 #include "destination_tables.h"
 #include "record_text.h"
 #include "sqlite_connection.h"
+#include "time_text.h"
 
 namespace {
 
-constexpr TableStyle STYLE = {"INTEGER", "INTEGER", "REAL", "TEXT", "INTEGER", "BLOB", "INTEGER", true, false};
+constexpr TableStyle SQLITE_STYLE = {"INTEGER", "INTEGER", "REAL", "TEXT", "INTEGER", "BLOB", "INTEGER", true, false};
 constexpr int BUSY_MS = 5000;
-constexpr std::size_t REJECT_BYTES_MAX = 64UL << 20;  // of a record kept among the rejects
-
-long NowUs() {
-    auto const now = std::chrono::system_clock::now().time_since_epoch();
-    return std::chrono::duration_cast<std::chrono::microseconds>(now).count();
-}
 
 class SqliteDestination : public Destination {
  public:
@@ -98,7 +92,7 @@ std::string InsertRecordSql(SchemaTables const& tables) {
 SqliteDestination::SqliteDestination(std::string path, suts_tsspec const& spec, DestinationOptions const& options)
     : path_(std::move(path)),
       spec_(spec),
-      tables_(spec, options, STYLE),
+      tables_(spec, options, SQLITE_STYLE),
       text_(spec, options.withBlocks ? std::vector<std::string>{"cycle", "block"} : std::vector<std::string>{},
             options.timeName),
       insertRecordSql_(InsertRecordSql(tables_)) {}

@@ -11,11 +11,7 @@
 
 #include "sutl_descriptor.h"
 
-namespace {
-
-constexpr mode_t FILE_MODE = 0666;  // as far as the user's mask lets
-
-}  // namespace
+namespace {}  // namespace
 
 std::string FolderOf(std::string const& path) {
     std::string const folder = std::filesystem::path(path).parent_path().string();

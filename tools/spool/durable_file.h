@@ -1,10 +1,16 @@
 // Small files that are replaced whole.
 #pragma once
 
+#include <sys/types.h>
+
 #include <limits>
 #include <optional>
 #include <string>
 #include <string_view>
+
+// Of what is made, as far as the user's mask lets.
+constexpr mode_t FILE_MODE = 0666;
+constexpr mode_t DIRECTORY_MODE = 0777;
 
 // Replaces the file, or makes it: whoever reads it, now or after a power cut, finds the old text or the new one. False
 // with errno set when it could not be done; the old text is still there then.

@@ -20,8 +20,6 @@
 namespace {
 
 constexpr char SUFFIX[] = ".spool";
-constexpr mode_t DIRECTORY_MODE = 0777;
-constexpr mode_t FILE_MODE = 0666;
 constexpr unsigned int ID_BYTES = 16;
 constexpr std::size_t CHECK_BYTES = 1UL << 20;  // read at a time when a segment is checked
 

@@ -5,7 +5,6 @@
 
 namespace {
 
-constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
 constexpr char TOO_MANY[] = "has more than 1,000,000 values";
 
 char const* Find(char const* from, char const* end, char wanted) {
@@ -18,8 +17,7 @@ char const* Find(char const* from, char const* end, char wanted) {
 RowResult CsvReader::Next(std::vector<std::string_view>& values) {
     for (;;) {
         // The mark is no part of the first row; it comes in the first bytes or not at all.
-        if (buffer_.Offset() == 0 && buffer_.Held().starts_with(BYTE_ORDER_MARK)) {
-            buffer_.Pass(BYTE_ORDER_MARK.size());
+        if (buffer_.PassByteOrderMark()) {
             scanned_ = 0;
             state_ = AT_VALUE;
         }

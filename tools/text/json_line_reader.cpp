@@ -11,8 +11,6 @@ namespace {
 
 namespace ondemand = simdjson::ondemand;
 
-constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
-
 std::string_view WithoutBlanksBehind(std::string_view text) {
     return text.substr(0, text.find_last_not_of(" \t\r\n") + 1);
 }
@@ -52,10 +50,7 @@ JsonLineReader::~JsonLineReader() = default;
 
 RowResult JsonLineReader::Next(std::vector<JsonMember>& members) {
     for (;;) {
-        if (buffer_.Offset() == 0 && buffer_.Held().starts_with(BYTE_ORDER_MARK)) {
-            buffer_.Pass(BYTE_ORDER_MARK.size());
-            scanned_ = 0;
-        }
+        if (buffer_.PassByteOrderMark()) scanned_ = 0;
         line_ = nextLine_;
         std::string_view const held = buffer_.Held();
         std::size_t const lineEnd = held.find('\n', scanned_);

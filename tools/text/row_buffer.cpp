@@ -43,3 +43,10 @@ RowResult RowBuffer::FillRow(char const*& problem) {
     }
     return RowResult::ROW;
 }
+
+bool RowBuffer::PassByteOrderMark() {
+    constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
+    if (offset_ != 0 || !Held().starts_with(BYTE_ORDER_MARK)) return false;
+    Pass(BYTE_ORDER_MARK.size());
+    return true;
+}

@@ -38,6 +38,8 @@ class RowBuffer {
         begin_ += bytes;
         offset_ += bytes;
     }
+    // Passes the mark of UTF-8 if it is the very first that is held. False if it is not.
+    [[nodiscard]] bool PassByteOrderMark();
     [[nodiscard]] unsigned long Offset() const { return offset_; }  // of what is held, in the source
     [[nodiscard]] bool Ended() const { return ended_; }
 

@@ -166,3 +166,8 @@ void AppendIsoTime(std::string& out, long timeUs) {
     if (clock.subseconds().count() != 0) fmt::format_to(std::back_inserter(out), ".{:06}", clock.subseconds().count());
     out += 'Z';
 }
+
+long NowUs() {
+    auto const now = std::chrono::system_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::microseconds>(now).count();
+}

@@ -14,5 +14,8 @@
 // for UTC. False, and nothing changed, for anything else.
 [[nodiscard]] bool ParseIsoTime(std::string_view text, long& timeUs, bool& saysOffset);
 
+// The clock's time now, in microseconds since 1970.
+[[nodiscard]] long NowUs();
+
 // Appends the time as ISO 8601 in UTC, with a fraction of six digits if it has one.
 void AppendIsoTime(std::string& out, long timeUs);

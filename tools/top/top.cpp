@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr char EXAMPLES[] =
+constexpr char TOP_EXAMPLES[] =
     R"(With one server on the machine nothing has to be given: its log is where its standard error goes when that is a file,
 its directory and window are in its arguments. q quits, p pauses. Figures with ~ are estimates: records are bytes logged
 by the size of records at the start of the newest recovery file. ? is what no source tells: other users' processes tell
@@ -53,7 +53,7 @@ class TopCommand : public Command {
 
 void TopCommand::Declare(CLI::App& program) {
     options_.programName = "brindle";
-    Add(program, "top", "Show a running server: load, backlog, cycles, memory, errors", EXAMPLES);
+    Add(program, "top", "Show a running server: load, backlog, cycles, memory, errors", TOP_EXAMPLES);
     AddOption("--log", "FILE", "What the server's standard error is written to; - for standard input",
               options_.logPath);
     AddOption("--recovery", "DIR", "Recovery directory of the server to show", options_.recoveryPath);

@@ -193,10 +193,7 @@ void TopSampler::TakeTime() {
     if (fits) sample_.eventTimeUs = static_cast<long>(startUs);
     sample_.lagUs.reset();
     if (!sample_.eventTimeUs) return;
-    long const nowUs =
-        std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::system_clock::now().time_since_epoch())
-            .count();
-    sample_.lagUs = nowUs - *sample_.eventTimeUs;
+    sample_.lagUs = NowUs() - *sample_.eventTimeUs;
 }
 
 std::string TopSampler::State(SocketView const& sockets) const {
