@@ -1,9 +1,7 @@
 #include "sutl_frame.h"
 
 #include <arpa/inet.h>
-#include <linux/sockios.h>
 #include <poll.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -42,35 +40,9 @@ bool ReceiveHeaderRest(int connection, unsigned char* header, std::size_t got) {
     return true;
 }
 
-// Tells a slow peer from one that takes nothing. A timed send waits for room in the system's buffer, which comes in
-// great steps; what lies in that buffer gets less all the while.
-class Stall {
- public:
-    explicit Stall(int secondsMax) : timeMax_(secondsMax) {}
-
-    // After a send that has timed out: whether to go on. Keeps errno.
-    [[nodiscard]] bool IsBearable(int connection) {
-        int const sendError = errno;
-        int waiting = 0;
-        bool const known = ioctl(connection, SIOCOUTQ, &waiting) == 0;
-        errno = sendError;
-        Clock::time_point const now = Clock::now();
-        if (waiting < waiting_) {
-            waiting_ = waiting;
-            since_ = now;
-        }
-        return known && now - since_ < timeMax_;
-    }
-
- private:
-    std::chrono::seconds const timeMax_;
-    int waiting_ = INT_MAX;    // bytes that the peer has not taken, at the last look at which they had become fewer,
-    Clock::time_point since_;  // and the time of that look
-};
-
 // Sends all of the bytes.
 bool SendAll(int connection, unsigned char const* bytes, std::size_t count, int flags, int stallSecondsMax) {
-    Stall stall(stallSecondsMax);
+    sutl_Stall stall(stallSecondsMax);
     while (count > 0) {
         ssize_t const sent = send(connection, bytes, count, flags | MSG_NOSIGNAL);
         if (sent < 0) {

@@ -8,6 +8,8 @@
 
 #include <pthread.h>
 
+#include <chrono>
+
 #if defined(__clang__)
 #define SUTL_ATTRIBUTE(x) __attribute__((x))
 #else
@@ -62,6 +64,9 @@ class sutl_Condition {
     ~sutl_Condition() { pthread_cond_destroy(&condition_); }
 
     void Wait(sutl_Mutex& mutex) SUTL_REQUIRES(mutex) { pthread_cond_wait(&condition_, &mutex.mutex_); }
+    // The same, but false at the deadline.
+    [[nodiscard]] bool WaitBefore(std::chrono::steady_clock::time_point deadline, sutl_Mutex& mutex)
+        SUTL_REQUIRES(mutex);
     void Signal() { pthread_cond_signal(&condition_); }
 
  private:
@@ -110,8 +115,8 @@ class SUTL_SCOPED_CAPABILITY sutl_WriteLock {
 // time.
 class sutl_Thread {
  public:
-    // Starts body(argument) under a name of at most 15 characters, which the system's tools show. False, with errno
-    // set, when the system has no room for it.
+    // Starts body(argument) under a name of at most 15 characters, which the system's tools show. The thread holds
+    // SIGTERM back, for the main thread to handle. False, with errno set, when the system has no room for it.
     [[nodiscard]] bool Start(void* (*body)(void*), void* argument, char const* name);
     void Join();    // waits for its end; nothing when it does not run or was joined
     void Detach();  // lets it end by itself; nothing to join any more

@@ -25,7 +25,12 @@ sutl_Descriptor Accept(sutl_Descriptor const& listener) {
         sockaddr_in peer = {};
         socklen_t peerBytes = sizeof peer;
         int const connection = accept(listener.Get(), reinterpret_cast<sockaddr*>(&peer), &peerBytes);
-        if (connection >= 0 || errno != EINTR) return sutl_Descriptor(connection);
+        if (connection < 0 && errno == EINTR) continue;
+        sutl_Descriptor accepted(connection);
+        int const savedError = errno;
+        if (accepted.IsOpen()) sutl_SetZeroLinger(accepted);
+        errno = savedError;
+        return accepted;
     }
 }
 
@@ -58,8 +63,8 @@ void sutl_TCPSockServer::ClosePort() {
 }
 
 void sutl_TCPSockServer::CloseConnections() {
-    firstConnection_.Close();
-    secondConnection_.Close();
+    sutl_CloseInOrder(firstConnection_);
+    sutl_CloseInOrder(secondConnection_);
 }
 
 void sutl_TCPSockServer::StopListening() const {

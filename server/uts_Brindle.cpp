@@ -4,12 +4,14 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <optional>
 
 #include "sutl_assert.h"
 #include "sutl_descriptor.h"
 #include "sutl_netorderbytefield.h"
+#include "sutl_stopsignal.h"
 #include "sutl_tcpsockserver.h"
 #include "uts_commandline.h"
 #include "uts_datareceiver.h"
@@ -44,6 +46,7 @@ void HoldStandardDescriptors() {
 
 int main(int argumentCount, char** arguments) {
     HoldStandardDescriptors();
+    std::atomic<bool> const& stop = sutl_CatchStopSignal();
     // A peer or a reader of standard error that goes away must not end the server.
     signal(SIGPIPE, SIG_IGN);
     sutl_AbortOnAllocationFailure();
@@ -59,22 +62,26 @@ int main(int argumentCount, char** arguments) {
     sutl_TCPSockServer endpoint;
     std::optional<suts_Stager> stager;
     stager.emplace(settings.recoveryPath, settings.recoverFromPath, spec, settings.windowWidthUs, TUNING,
-                   settings.shipHost, settings.shipPort1, settings.shipPort2, nullptr);
+                   settings.shipHost, settings.shipPort1, settings.shipPort2, nullptr, stop);
     std::optional<suts_StgQueryEngine> queries;
     queries.emplace(&*stager, &spec, settings.queryPort1, settings.queryPort2);
-    endpoint.Listen(settings.dataPort1, settings.dataPort2);
+    // Data ports that listen tell that the replay is complete. SIGTERM may have cut it short.
+    if (!stop.load()) endpoint.Listen(settings.dataPort1, settings.dataPort2);
 
     suts_DataReceiver::RunEnd end;
     {
         sutl_NetorderByteField field;
-        suts_DataReceiver receiver(endpoint, field, spec, *stager);
+        suts_DataReceiver receiver(endpoint, field, spec, *stager, stop);
         end = receiver.Run();
         if (end == suts_DataReceiver::TERMINATION_END) {
             fputs("Received Termination,aborting\n", stderr);
         } else {
+            if (stop.load()) fputs("Received SIGTERM\n", stderr);
             fputs("Shutting down\n", stderr);
             endpoint.ClosePort();
+            endpoint.CloseConnections();
             stager->Terminate();
+            queries->Finish();
         }
     }
     queries.reset();

@@ -30,7 +30,7 @@ struct Staged {
     explicit Staged(suts_tsspec const& schema) : spec(schema) {
         fuzz::Messages const messages;
         test::Directory const directory;
-        stager.emplace(directory.Path(), nullptr, spec, WINDOW_US, 0, "127.0.0.1", 1, 1, nullptr);
+        stager.emplace(directory.Path(), nullptr, spec, WINDOW_US, 0, "127.0.0.1", 1, 1, nullptr, stop);
         for (int i = 0; i < RECORDS; ++i) {
             test::Record record = {(FIRST_SECOND + i) * SECOND_US};
             for (int field = 0; field < spec.fieldCount; ++field) {
@@ -52,6 +52,7 @@ struct Staged {
 
     suts_tsspec const& spec;
     std::vector<test::Record> records;  // in order of time
+    std::atomic<bool> const stop = false;
     std::optional<suts_Stager> stager;
 };
 

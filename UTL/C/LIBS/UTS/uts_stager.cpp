@@ -27,28 +27,31 @@ char const* suts_Stager::CheckedStart(char const* recoveryPath, long windowWidth
 
 suts_Stager::suts_Stager(char const* recoveryPath, char const* recoverFromPath, suts_tsspec const& spec,
                          long windowWidth, long tuning, char const* shipHost, unsigned short shipPort1,
-                         unsigned short shipPort2, FILE* /*log*/, long messageBytesMax)
+                         unsigned short shipPort2, FILE* /*log*/, std::atomic<bool> const& stop, long messageBytesMax)
     : spec_(spec),
       recordBytesMax_(RecordBytesMax(spec)),
       recovery_(CheckedStart(recoveryPath, windowWidth)),
-      shipper_(recovery_, spec, shipHost, shipPort1, shipPort2, messageBytesMax),
+      shipper_(recovery_, spec, shipHost, shipPort1, shipPort2, stop, messageBytesMax),
       organizer_(recovery_, shipper_, spec, windowWidth, tuning, recoveryPath, recoverFromPath),
       pace_(recovery_) {
-    if (recoverFromPath != nullptr) Replay(recoverFromPath);
+    if (recoverFromPath != nullptr) Replay(recoverFromPath, stop);
 }
 
 suts_Stager::~suts_Stager() = default;
 
-void suts_Stager::Replay(char const* recoverFromPath) {
+void suts_Stager::Replay(char const* recoverFromPath, std::atomic<bool> const& stop) {
     suts_StgRecoveryPlayback playback(spec_, recoverFromPath);
     suts_StgEntry entry;
     unsigned long recovered = 0;
     unsigned long step = 1;
-    while (playback.QNext(entry) == 0) {
+    while (!stop.load()) {
+        if (playback.QNext(entry) != 0) return;
         if (AddRecord(entry.time, entry.key, entry.value) != RECORD_ADDED) continue;
         ++recovered;
         if (ReportDue(recovered, step)) fprintf(stderr, " --- Recovered %lu records\n", recovered);
     }
+    fprintf(stderr, "WARNING: SIGTERM has ended the replay after %lu records, replay %s again\n", recovered,
+            recoverFromPath);
 }
 
 int suts_Stager::Refuse(long time, long bytes) {

@@ -1,6 +1,7 @@
 // The stager: the one object through which records reach the staging core.
 #pragma once
 
+#include <atomic>
 #include <cstdio>
 
 #include "sutl_rawbytefield.h"
@@ -16,11 +17,11 @@
 class suts_Stager {
  public:
     // Returns when the recovery directory is open, the threads run and the replay of recoverFromPath (null: none) is
-    // complete. A failure of a part is reported by it and ends the process. windowWidth: microseconds. tuning and log
-    // have no effect. The schema must outlive the stager.
+    // complete, or was ended by stop, which is reported. A failure of a part is reported by it and ends the process.
+    // windowWidth: microseconds. tuning and log have no effect. The schema must outlive the stager.
     suts_Stager(char const* recoveryPath, char const* recoverFromPath, suts_tsspec const& spec, long windowWidth,
                 long tuning, char const* shipHost, unsigned short shipPort1, unsigned short shipPort2, FILE* log,
-                long messageBytesMax = SUTS_MESSAGE_BYTES_MAX);
+                std::atomic<bool> const& stop, long messageBytesMax = SUTS_MESSAGE_BYTES_MAX);
     suts_Stager(suts_Stager const&) = delete;
     suts_Stager& operator=(suts_Stager const&) = delete;
     // Without Terminate before it, an assertion.
@@ -49,7 +50,7 @@ class suts_Stager {
 
  private:
     int Refuse(long time, long bytes);
-    void Replay(char const* recoverFromPath);
+    void Replay(char const* recoverFromPath, std::atomic<bool> const& stop);
     // The checks that must fail before anything is created.
     static char const* CheckedStart(char const* recoveryPath, long windowWidth);
 

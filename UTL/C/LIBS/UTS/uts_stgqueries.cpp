@@ -1,15 +1,18 @@
 #include "uts_stgqueries.h"
 
+#include <chrono>
 #include <cstdio>
 
 #include "sutl_assert.h"
 #include "sutl_frame.h"
 #include "sutl_netorder.h"
+#include "sutl_tcpsocket.h"
 
 namespace {
 
 constexpr sutl_AssertSite SITE_EXCESS = {"uts_stgqueries.cpp", 31};
 
+constexpr std::chrono::seconds FINISH_TIME_MAX(10);
 constexpr int ENCODED_BYTES = 4096;  // of hits that are encoded before they are appended to the reply
 
 }  // namespace
@@ -24,11 +27,16 @@ suts_StgQueryEngine::suts_StgQueryEngine(suts_Stager* stager, suts_tsspec* spec,
         perror("ERROR, query thread could not be started: ");
         return;
     }
+    hasThread_ = true;
     static_cast<void>(handle.release());  // the thread's now
     thread.Detach();
 }
 
 suts_StgQueryEngine::~suts_StgQueryEngine() { service_->Close(); }
+
+void suts_StgQueryEngine::Finish() {
+    if (hasThread_) service_->Finish();
+}
 
 void* suts_StgRunQueries(void* service) {
     std::unique_ptr<std::shared_ptr<suts_StgQueryService>> const own(
@@ -55,12 +63,38 @@ void suts_StgQueryService::Close() {
     stager_ = nullptr;
 }
 
+void suts_StgQueryService::Finish() {
+    Close();
+    auto const deadline = std::chrono::steady_clock::now() + FINISH_TIME_MAX;
+    sutl_MutexLock lock(threadMutex_);
+    if (serves_) sutl_TakeNoMore(endpoint_.FirstConnection());
+    while (!ended_ && threadEnded_.WaitBefore(deadline, threadMutex_)) continue;
+}
+
 void suts_StgQueryService::Run() {
     while (endpoint_.AcceptPair(&closed_)) {
-        ServeClient();
+        if (BeginConversation()) {
+            ServeClient();
+            EndConversation();
+        }
         endpoint_.CloseConnections();
     }
     endpoint_.CloseConnections();
+    sutl_MutexLock lock(threadMutex_);
+    ended_ = true;
+    threadEnded_.Signal();
+}
+
+// False when the service was closed before Finish could know of this conversation.
+bool suts_StgQueryService::BeginConversation() {
+    sutl_MutexLock lock(threadMutex_);
+    serves_ = !closed_.load();
+    return serves_;
+}
+
+void suts_StgQueryService::EndConversation() {
+    sutl_MutexLock lock(threadMutex_);
+    serves_ = false;
 }
 
 void suts_StgQueryService::ServeClient() {

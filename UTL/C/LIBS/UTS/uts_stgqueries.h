@@ -27,6 +27,11 @@ class suts_StgQueryService {
     // any more and nothing is printed. From the thread that destroys the engine.
     void Close() SUTL_EXCLUDES(gate_);
 
+    // Closes the service and ends the conversation at hand, as if the client had left, when the request at hand is
+    // answered. Waits until the client's connections are closed in order, but for no longer than 10 s. The query thread
+    // must have been started.
+    void Finish() SUTL_EXCLUDES(gate_, threadMutex_);
+
     // Body of the query thread: serves client after client until an accept fails or the service is closed.
     void Run();
 
@@ -48,6 +53,8 @@ class suts_StgQueryService {
 
     enum SearchResult { SEARCHED, REPLY_TOO_LONG, GATE_CLOSED };
 
+    [[nodiscard]] bool BeginConversation() SUTL_EXCLUDES(threadMutex_);
+    void EndConversation() SUTL_EXCLUDES(threadMutex_);
     void ServeClient();
     [[nodiscard]] bool ServeRequest();
     void RefuseExcess() SUTL_EXCLUDES(gate_);
@@ -64,10 +71,14 @@ class suts_StgQueryService {
     long const replyBytesMax_;
     int const keyStrings_;                        // strings among the key's and
     int const valueStrings_;                      // the value's fields
-    sutl_TCPSockServer endpoint_;                 // query thread, but for StopListening
+    sutl_TCPSockServer endpoint_;                 // query thread, but for StopListening and Finish
     sutl_Mutex gate_;                             // held during a search
     suts_Stager* stager_ SUTL_GUARDED_BY(gate_);  // null once the gate is closed
     std::atomic<bool> closed_{false};             // nothing is printed any more; written by the thread that closes
+    sutl_Mutex threadMutex_;
+    sutl_Condition threadEnded_;
+    bool serves_ SUTL_GUARDED_BY(threadMutex_) = false;  // the query thread has a client, whose connections stay open
+    bool ended_ SUTL_GUARDED_BY(threadMutex_) = false;   // it has closed everything
     // Query thread only.
     sutl_NetorderByteField field_;  // a request while it is decoded, then its reply
     sutl_DQUEUE<Hit> hits_;
@@ -88,7 +99,11 @@ class suts_StgQueryEngine {
     // Ends the listening and closes the gate; does not wait for the thread.
     ~suts_StgQueryEngine();
 
+    // Ends the service in order, before the destruction: see suts_StgQueryService.
+    void Finish();
+
  private:
+    bool hasThread_ = false;
     std::shared_ptr<suts_StgQueryService> service_;
 };
 

@@ -23,8 +23,9 @@ constexpr int SEND_TIMEOUT_S = 1;  // between two looks at whether the peer take
 
 }  // namespace
 
-suts_StgShipLink::suts_StgShipLink(char const* host, unsigned short port1, unsigned short port2)
-    : state_(Connect(host, port1, port2)) {}
+suts_StgShipLink::suts_StgShipLink(char const* host, unsigned short port1, unsigned short port2,
+                                   std::atomic<bool> const& stop)
+    : state_(Connect(host, port1, port2, stop)) {}
 
 // The host's first address with either port. False when it has none.
 bool suts_StgShipLink::LookUp(char const* host, unsigned short port1, unsigned short port2) {
@@ -39,7 +40,8 @@ bool suts_StgShipLink::LookUp(char const* host, unsigned short port1, unsigned s
     return true;
 }
 
-suts_StgShipLink::State suts_StgShipLink::Connect(char const* host, unsigned short port1, unsigned short port2) {
+suts_StgShipLink::State suts_StgShipLink::Connect(char const* host, unsigned short port1, unsigned short port2,
+                                                  std::atomic<bool> const& stop) {
     for (sutl_Descriptor* socket : {&firstSocket_, &secondSocket_}) {
         *socket = sutl_OpenTcpSocket();
         if (socket->IsOpen()) continue;
@@ -53,8 +55,8 @@ suts_StgShipLink::State suts_StgShipLink::Connect(char const* host, unsigned sho
         fprintf(stderr, "ERROR: Hostname lookup for %s failed! \n", host);
         return LOST;
     }
-    bool const firstConnected = sutl_Connect(firstSocket_, addresses_[0]);
-    if (firstConnected && sutl_Connect(secondSocket_, addresses_[1])) return CONNECTED;
+    bool const firstConnected = sutl_ConnectUnless(stop, firstSocket_, addresses_[0]);
+    if (firstConnected && sutl_ConnectUnless(stop, secondSocket_, addresses_[1])) return CONNECTED;
     perror("ERROR TCPClient connection failed! ");
     return firstConnected ? SECOND_MISSING : LOST;
 }

@@ -3,6 +3,7 @@
 
 #include <netinet/in.h>
 
+#include <atomic>
 #include <chrono>
 
 #include "sutl_descriptor.h"
@@ -13,9 +14,9 @@
 // used by the ship thread alone, but for its construction before and its Close after that thread's life.
 class suts_StgShipLink {
  public:
-    // Blocks for as long as the system takes to connect. A failure is reported here and makes a lost link. Ports are in
-    // host order.
-    suts_StgShipLink(char const* host, unsigned short port1, unsigned short port2);
+    // Blocks for as long as the system takes to connect, or until stop is true. A failure is reported here and makes a
+    // lost link. Ports are in host order.
+    suts_StgShipLink(char const* host, unsigned short port1, unsigned short port2, std::atomic<bool> const& stop);
 
     // Sends one sealed message, which holds so many records, on the first connection. A failure is reported here; it
     // loses the message and the link.
@@ -38,7 +39,7 @@ class suts_StgShipLink {
     };
 
     [[nodiscard]] bool LookUp(char const* host, unsigned short port1, unsigned short port2);
-    State Connect(char const* host, unsigned short port1, unsigned short port2);
+    State Connect(char const* host, unsigned short port1, unsigned short port2, std::atomic<bool> const& stop);
 
     sockaddr_in addresses_[2] = {};       // of the consumer; no family when the host was not found
     sutl_Descriptor firstSocket_;         // carries the messages

@@ -6,8 +6,9 @@
 #include "sutl_resourceusage.h"
 
 suts_StgShipper::suts_StgShipper(suts_StgRecovery& recovery, suts_tsspec const& spec, char const* host,
-                                 unsigned short port1, unsigned short port2, long messageBytesMax)
-    : recovery_(recovery), spec_(spec), batch_(recovery, spec, messageBytesMax), link_(host, port1, port2) {
+                                 unsigned short port1, unsigned short port2, std::atomic<bool> const& stop,
+                                 long messageBytesMax)
+    : recovery_(recovery), spec_(spec), batch_(recovery, spec, messageBytesMax), link_(host, port1, port2, stop) {
     if (!thread_.Start(suts_RunShipper, this, "TShp")) {
         perror("ERROR, ship thread could not be started: ");
         recovery_.RemoveFirstFile();

@@ -1,6 +1,8 @@
 // The shipper: the connection to the downstream consumer, and the ship thread.
 #pragma once
 
+#include <atomic>
+
 #include "sutl_locks.h"
 #include "uts_stgkeyindex.h"
 #include "uts_stgrecovery.h"
@@ -26,10 +28,11 @@ struct suts_StgShipJob {
 // is then announced again.
 class suts_StgShipper {
  public:
-    // Connects and starts the ship thread, connected or not. Blocks for as long as the system takes to connect. Where
-    // the thread cannot be started it cleans up what this start has created, and aborts. Ports are in host order.
+    // Connects and starts the ship thread, connected or not. Blocks for as long as the system takes to connect, or
+    // until stop is true. Where the thread cannot be started it cleans up what this start has created, and aborts.
+    // Ports are in host order.
     suts_StgShipper(suts_StgRecovery& recovery, suts_tsspec const& spec, char const* host, unsigned short port1,
-                    unsigned short port2, long messageBytesMax = SUTS_MESSAGE_BYTES_MAX);
+                    unsigned short port2, std::atomic<bool> const& stop, long messageBytesMax = SUTS_MESSAGE_BYTES_MAX);
     suts_StgShipper(suts_StgShipper const&) = delete;
     suts_StgShipper& operator=(suts_StgShipper const&) = delete;
 
