@@ -19,7 +19,7 @@ from runs import (BOUND_MAX, SANITIZED, Run, at, cycles_before_end, expect, expe
 from running import Failure, connect, free_ports, wait_until
 from wire import KEY_FILE, Record
 
-RESTARTS = int(os.environ.get("BRINDLE_RESTARTS", "6"))
+RESTARTS = int(os.environ.get("BRINDLE_RESTARTS", "20"))
 TERMINATED = -signal.SIGTERM
 STOPPED = "Received SIGTERM\n"
 IGNORING_STOPS = ["sh", "-c", "trap '' TERM; exec \"$0\" \"$@\""]
