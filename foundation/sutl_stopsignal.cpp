@@ -25,7 +25,9 @@ void HandleStopSignal(int /*number*/) {
 std::atomic<bool> const& sutl_CatchStopSignal() {
     struct sigaction action = {};
     action.sa_handler = HandleStopSignal;
-    action.sa_flags = static_cast<int>(SA_RESTART | SA_RESETHAND);
+    // No call is restarted by the system: each is made again here where it is interrupted, and a blocked read that is
+    // restarted would hold the signal back under the thread sanitizer.
+    action.sa_flags = static_cast<int>(SA_RESETHAND);
     sigemptyset(&action.sa_mask);
     sigaction(SIGTERM, &action, nullptr);
     sigset_t signals;

@@ -21,7 +21,7 @@ constexpr Meaning MEANINGS[] = {
     {"query thread could not be started", "runs on without a query service"},
     {"thread could not be started", "limit on processes or memory; it has aborted"},
     {"out of memory", "it has aborted; look for a wrong time or too wide a window"},
-    {"Binding socket failed", "the port is taken, or was until a minute ago"},
+    {"Binding socket failed", "another process has the port"},
     {"Socket open failed", "mostly the limit on descriptors"},
     {"Listen on socket failed", "the port is bound but cannot listen"},
     {"Accept failed", "data port: the run ends; query port: no more queries"},
@@ -32,6 +32,7 @@ constexpr Meaning MEANINGS[] = {
     {"malformed frame", "compare the producer's schema; the run ends"},
     {"record refused: negative", "mend the producer's clock or unit; the run goes on"},
     {"record refused", "too large for a ship message: split the record"},
+    {"SIGTERM has ended the replay", "the rest is not replayed: keep the directory, replay it again"},
     {"Received Termination,aborting", "a frame of length 0; on the data ports it aborts"},
     {"Hostname lookup", "ShipHost is not known: what is shipped is lost"},
     {"TCPClient connection failed", "the consumer does not listen: what is shipped is lost"},
@@ -62,8 +63,9 @@ constexpr Meaning MEANINGS[] = {
 };
 
 // Lines of the normal course that carry nothing else.
-constexpr std::string_view USUAL[] = {"TShp: Keys sent:", "TOrg -> Termination received", "TShp: Terminating..",
-                                      " Playback info", "<<<<<<<"};
+constexpr std::string_view USUAL[] = {"TShp: Keys sent:",    "TOrg -> Termination received",
+                                      "TShp: Terminating..", " Playback info",
+                                      "Received SIGTERM",    "<<<<<<<"};
 
 // The number behind a text that the line holds; none that a long does not hold.
 bool NumberBehind(std::string_view line, std::string_view text, unsigned long& number) {
