@@ -64,8 +64,8 @@ class Peers:
 
 class SamePorts(unittest.TestCase):
     def test_can_be_used_at_once_after_every_end(self) -> None:
-        """With a producer and a query client connected that stay, or that close the moment they see the end; others wait
-        to be accepted. An orderly end is a clean end of stream for them all."""
+        """With a producer and a query client connected that stay, or that close the moment they see the end; another
+        waits to be accepted. An orderly end is a clean end of stream for them all."""
         for end in ("kill", "SIGTERM", "producer"):
             ports, former = free_ports(4), None
             for index in range(RESTARTS):
@@ -138,7 +138,8 @@ class Sigterm(unittest.TestCase):
         for name, begin, taken, line in (
                 ("the first connection", lambda run: None, [], ""), ("the second connection", half_connected, [], ""),
                 ("a frame", sending(), sent, ""),
-                ("the rest of a frame", sending(b"\0\0\1\0part"), sent, "Socket Receiver: socket closed prematurely!\n")):
+                ("the rest of a frame", sending(b"\0\0\1\0part"), sent,
+                 "Socket Receiver: socket closed prematurely!\n")):
             for wrapper in ([], IGNORING_STOPS, HOLDING_STOPS_BACK):
                 with self.subTest(name, wrapper=wrapper), Run("4s", wrapper=wrapper) as run:
                     run.start()
@@ -185,7 +186,8 @@ class Sigterm(unittest.TestCase):
             shipped = records_of(run.shipped())
             self.assertIn(len(shipped), range(1, len(records)))
             expect_same_records(shipped, records[:len(shipped)])
-            expect("other lines", run.other_lines(), f"WARNING: SIGTERM has ended the replay after {len(shipped)} records, "
+            expect("other lines", run.other_lines(),
+                   f"WARNING: SIGTERM has ended the replay after {len(shipped)} records, "
                    f"replay {run.recover_from} again\n{STOPPED}")
             expect("the old log", read_all(run.recover_from)["F1"] == log, True)
 
