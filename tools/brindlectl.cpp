@@ -17,7 +17,7 @@ namespace {
 // Reads the command line and does what it asks for.
 ExitCode Run(int argc, char** argv) {
     CLI::App program(
-        "Feeds a running Brindle server with records, receives what it ships, asks it for staged records, and shows "
+        "Runs a Brindle server, feeds it with records, receives what it ships, asks it for staged records, and shows "
         "what a run left behind.",
         "brindlectl");
     program.set_version_flag("--version", "brindlectl " BRINDLE_VERSION);
@@ -46,9 +46,10 @@ Examples:
   brindlectl sink --spec flights.spec --ship 127.0.0.1:7001,7002 csv:shipped
   brindlectl send --spec flights.spec --data 127.0.0.1:7101,7102 flights.csv)");
 
-    std::unique_ptr<Command> const commands[] = {
-        MakeSendCommand(),  MakeSchemaCommand(), MakeSinkCommand(), MakeQueryCommand(), MakeDumpCommand(),
-        MakeCheckCommand(), MakeRepairCommand(), MakeTopCommand(),  MakeBenchCommand(), MakeCompletionCommand()};
+    std::unique_ptr<Command> const commands[] = {MakeSendCommand(),   MakeSchemaCommand(),    MakeSinkCommand(),
+                                                 MakeQueryCommand(),  MakeDumpCommand(),      MakeCheckCommand(),
+                                                 MakeRepairCommand(), MakeTopCommand(),       MakeBenchCommand(),
+                                                 MakeRunCommand(),    MakeCompletionCommand()};
     for (auto const& command : commands) command->Declare(program);
     try {
         program.parse(argc, argv);

@@ -19,6 +19,7 @@ VERBS = {
     "clock": ("RECORDS", "event time that jumps, stands still, runs backwards or is out of range"),
     "peers": ("ROUNDS", "producers, consumers and query clients that misbehave"),
     "exact": ("ROUNDS", "kill -9 of sender, server and sink, and every record is once in the table"),
+    "supervise": ("GENERATIONS", "kill -9 of a supervised server, its supervisor and its sink; nothing on disk is lost"),
     "soak": ("MINUTES", "steady load with memory, descriptors and disk watched"),
 }
 

@@ -14,6 +14,7 @@
 #include <optional>
 
 #include "commands.h"
+#include "free_ports.h"
 #include "load_run.h"
 #include "own_server.h"
 #include "progress.h"

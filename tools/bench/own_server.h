@@ -32,7 +32,3 @@ class OwnServer {
     pid_t pid_ = 0;
     double cpuSeconds_ = 0;
 };
-
-// So many different ports of this machine on which nobody listens; anybody may come in between. Fewer when there are
-// hardly any.
-[[nodiscard]] std::vector<unsigned short> FindFreePorts(std::size_t count);

@@ -181,12 +181,11 @@ void Command::AddTimeName() {
 
 void Command::AddJson() { AddFlag("--json", "Print the result as a JSON object on standard output", json_); }
 
-ExitCode Command::LoadSpec(suts_tsspec& spec) const {
+ExitCode Command::LoadSpec(suts_tsspec& spec, char const* remedy) const {
     // What is no file is read but once, so the loader gets a copy.
     std::optional<std::string> const read = ReadFile(specPath_, SPEC_BYTES_MAX);
     if (!read.has_value()) {
-        return Fail(BAD_CONFIGURATION, "{}: cannot be read: {}; name a schema file with --spec", specPath_,
-                    strerror(errno));
+        return Fail(BAD_CONFIGURATION, "{}: cannot be read: {}; {}", specPath_, strerror(errno), remedy);
     }
     std::string const& text = *read;
     std::vector<SpecProblem> const problems = CheckSpec(text);

@@ -71,7 +71,7 @@ class Command {
     void AddJson();  // for PrintResult
 
     // Loads the schema and checks that records can be made of it. DONE, or BAD_CONFIGURATION, said.
-    [[nodiscard]] ExitCode LoadSpec(suts_tsspec& spec) const;
+    [[nodiscard]] ExitCode LoadSpec(suts_tsspec& spec, char const* remedy = "name a schema file with --spec") const;
     // Finds the int64 field for numbers of records. DONE, or BAD_CONFIGURATION, said.
     [[nodiscard]] ExitCode FindSequenceField(suts_tsspec const& spec, std::string const& name, int& field) const;
     // Checks that the columns of an output differ in their names. DONE, or USAGE, said.

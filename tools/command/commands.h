@@ -14,3 +14,4 @@ std::unique_ptr<Command> MakeCheckCommand();
 std::unique_ptr<Command> MakeRepairCommand();
 std::unique_ptr<Command> MakeTopCommand();
 std::unique_ptr<Command> MakeBenchCommand();
+std::unique_ptr<Command> MakeRunCommand();

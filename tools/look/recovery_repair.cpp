@@ -20,9 +20,6 @@
 
 namespace {
 
-constexpr mode_t LOG_FILE_MODE = 0700;  // as the server's own files
-constexpr std::size_t PIECE_BYTES = 64UL * 1024;
-constexpr char NUL = '\0';
 constexpr char CONTENTS[] = "contents.txt";
 
 std::string NameOf(std::string const& path) { return std::filesystem::path(path).filename(); }
@@ -36,93 +33,6 @@ bool SyncDirectory(std::string const& path) {
 std::string ParentOf(std::string const& path) { return std::filesystem::path(path).parent_path(); }
 
 }  // namespace
-
-// A file being written. Every failure shows as false, with errno.
-class RecoveryRepair::Writer {
- public:
-    [[nodiscard]] bool Create(std::string const& path) {
-        file_ = sutl_OpenFile(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, LOG_FILE_MODE);
-        return file_.IsOpen();
-    }
-    [[nodiscard]] bool IsOpen() const { return file_.IsOpen(); }
-
-    [[nodiscard]] bool Append(std::string_view bytes) {
-        buffer_ += bytes;
-        return buffer_.size() < PIECE_BYTES || Flush();
-    }
-
-    // Copies bytes of another file; `copied` tells how many there were. False also where that cannot be read.
-    [[nodiscard]] bool CopyFrom(sutl_Descriptor const& from, long offset, long bytes, long& copied) {
-        std::string piece(PIECE_BYTES, '\0');
-        for (copied = 0; copied < bytes;) {
-            auto const wanted = static_cast<std::size_t>(std::min<long>(PIECE_BYTES, bytes - copied));
-            ssize_t const got = pread(from.Get(), piece.data(), wanted, offset + copied);
-            if (got < 0 && errno == EINTR) continue;
-            if (got < 0) return false;
-            if (got == 0) break;
-            copied += got;
-            if (!Append({piece.data(), static_cast<std::size_t>(got)})) return false;
-        }
-        return true;
-    }
-
-    // Brings everything to the disk and closes the file.
-    [[nodiscard]] bool Finish() {
-        if (!Flush() || fsync(file_.Get()) != 0) return false;
-        file_.Close();
-        return true;
-    }
-
- private:
-    bool Flush() {
-        std::string_view left = buffer_;
-        while (!left.empty()) {
-            ssize_t const written = write(file_.Get(), left.data(), left.size());
-            if (written < 0 && errno != EINTR) return false;
-            left.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(written, 0)));
-        }
-        buffer_.clear();
-        return true;
-    }
-
-    sutl_Descriptor file_;
-    std::string buffer_;  // not yet written
-};
-
-// The new key file, with every key once and behind its length: the form that is read back without doubt.
-class RecoveryRepair::Keys {
- public:
-    Keys(suts_tsspec const& spec, std::string const& path) : isText_(spec.Type(0) == SUTS_STRING64) {
-        isOpen_ = out_.Create(path);
-    }
-    [[nodiscard]] bool IsOpen() const { return isOpen_; }
-    [[nodiscard]] unsigned long Count() const { return seen_.size(); }
-
-    // A key whose bytes, less the NUL of a text, stand in a file at this place.
-    [[nodiscard]] bool Add(KeyHash const& hash, std::string_view start, long bytes, sutl_Descriptor const& from,
-                           long offset) {
-        if (!seen_.insert(hash).second) return true;
-        auto const length = static_cast<int>(bytes);
-        if (isText_ && !out_.Append({reinterpret_cast<char const*>(&length), sizeof length})) return false;
-        if (start.size() == static_cast<std::size_t>(bytes)) return out_.Append(start);
-        long copied = 0;
-        if (!out_.CopyFrom(from, offset, bytes - 1, copied) || !out_.Append({&NUL, 1})) return false;
-        errno = EIO;  // the file has become shorter
-        return copied == bytes - 1;
-    }
-
-    [[nodiscard]] bool Finish() { return out_.Finish(); }
-
- private:
-    struct Hasher {
-        std::size_t operator()(KeyHash const& hash) const { return hash.low; }
-    };
-
-    bool const isText_;
-    bool isOpen_ = false;
-    Writer out_;
-    std::unordered_set<KeyHash, Hasher> seen_;
-};
 
 // One file of a log on its way: what is kept of it, and the whole records that are not.
 class RecoveryRepair::Log {
@@ -196,8 +106,8 @@ class RecoveryRepair::Log {
     std::string const path_;
     std::string const name_;  // of the file with what is refused
     sutl_Descriptor from_;
-    Writer out_;  // opened with the first record
-    Writer refused_;
+    RecoveryFileWriter out_;  // opened with the first record
+    RecoveryFileWriter refused_;
     long keptFrom_ = 0;  // the records not yet copied
     long keptTo_ = 0;
     long refusedFrom_ = 0;
@@ -220,6 +130,11 @@ bool RecoveryRepair::Fail(std::string const& what) {
     return false;
 }
 
+void RecoveryRepair::NoteUnread(std::string const& what) {
+    ++report_.unread;
+    report_.notes.push_back(fmt::format("{}: cannot be read: {}", what, strerror(errno)));
+}
+
 // Makes the directory, under another name, that becomes the final one; once.
 bool RecoveryRepair::MakeFolder(std::string const& final, std::string& temporary) {
     if (!temporary.empty()) return true;
@@ -235,7 +150,7 @@ bool RecoveryRepair::MakeFolder(std::string const& final, std::string& temporary
     umask(mask);
     if (chmod(pattern.c_str(), 0777 & ~mask) != 0) return Fail(pattern);
     if (&temporary != &temporaryAside_) return true;
-    contents_ = std::make_unique<Writer>();
+    contents_ = std::make_unique<RecoveryFileWriter>();
     if (!contents_->Create(temporary + "/" + CONTENTS)) return Fail(temporary);
     return contents_->Append(
         "Parts of damaged recovery directories that repair has not put into the clean one. Each line: the file here,\n"
@@ -250,11 +165,10 @@ bool RecoveryRepair::SetAside(std::string const& from, std::size_t index, long o
     if (!MakeFolder(aside_, temporaryAside_)) return false;
     SetAsidePart part = {from, offset, bytes, reason, fmt::format("{}-{}-from-{}", index + 1, NameOf(from), offset)};
     sutl_Descriptor const source = sutl_OpenFile(from.c_str(), O_RDONLY | O_CLOEXEC);
-    Writer out;
+    RecoveryFileWriter out;
     if (!out.Create(temporaryAside_ + "/" + part.name)) return Fail(temporaryAside_);
     if (!out.CopyFrom(source, offset, bytes, part.bytes)) {
-        report_.notes.push_back(
-            fmt::format("{}: cannot be read behind offset {}: {}", from, offset + part.bytes, strerror(errno)));
+        NoteUnread(fmt::format("{} behind offset {}", from, offset + part.bytes));
     }
     if (!out.Finish()) return Fail(temporaryAside_);
     report_.setAsideBytes += part.bytes;
@@ -278,7 +192,7 @@ bool RecoveryRepair::RepairKeyFile(std::string const& path, std::size_t index) {
     }
     if (result == KeyFileWalker::END) return true;
     if (result == KeyFileWalker::READ_ERROR) {
-        report_.notes.push_back(fmt::format("{}: cannot be read: {}", path, strerror(errno)));
+        NoteUnread(path);
         return true;
     }
     struct stat status = {};
@@ -311,7 +225,7 @@ bool RecoveryRepair::RepairLog(LogFile const& file, std::size_t index) {
         }
     }
     if (result == LogWalker::READ_ERROR) {
-        report_.notes.push_back(fmt::format("{}: cannot be read: {}", file.path, strerror(errno)));
+        NoteUnread(file.path);
         return log.Finish() || Fail(file.path + " to " + into_);
     }
     if (result == LogWalker::END && doubtful.has_value()) {
@@ -324,7 +238,7 @@ bool RecoveryRepair::RepairLog(LogFile const& file, std::size_t index) {
     std::string const reason = doubtful.has_value()
                                    ? "a record's length is not that of its fields, and no sound record follows"
                                    : TextOf(walker.TornReason());
-    if (!walker.ReadRest()) report_.notes.push_back(fmt::format("{}: cannot be read: {}", file.path, strerror(errno)));
+    if (!walker.ReadRest()) NoteUnread(file.path);
     return SetAside(file.path, index, from, walker.FileBytes(0) - from, reason);
 }
 
@@ -381,7 +295,7 @@ bool RecoveryRepair::Finish() {
 
 bool RecoveryRepair::Run(std::vector<std::string> const& directories) {
     if (!MakeFolder(into_, temporaryInto_)) return false;
-    keys_ = std::make_unique<Keys>(spec_, temporaryInto_ + "/KeyFile");
+    keys_ = std::make_unique<KeyFileWriter>(spec_, temporaryInto_ + "/KeyFile");
     if (!keys_->IsOpen()) return Fail(temporaryInto_ + "/KeyFile");
     for (std::size_t i = 0; i < directories.size(); ++i) {
         if (!RepairDirectory(directories[i], i)) return false;

@@ -5,7 +5,9 @@
 #include <string>
 #include <vector>
 
+#include "key_file_writer.h"
 #include "log_walker.h"
+#include "recovery_file_writer.h"
 #include "uts_tsspec.h"
 
 // A part of a damaged directory that is not in the clean one.
@@ -26,6 +28,7 @@ struct RepairReport {
     unsigned long leftOut = 0;  // whole records that a replay refuses; in the files set aside
     long setAsideBytes = 0;
     std::vector<SetAsidePart> parts;  // set aside
+    unsigned long unread = 0;         // files, or ends of them, that could not be read: they are in the originals only
     std::vector<std::string> notes;   // what was left where it is, or could not be read
 };
 
@@ -48,11 +51,10 @@ class RecoveryRepair {
     [[nodiscard]] std::string const& Problem() const { return problem_; }
 
  private:
-    class Writer;
     class Log;
-    class Keys;
 
     bool Fail(std::string const& what);  // false; with the text of errno
+    void NoteUnread(std::string const& what);
     [[nodiscard]] bool MakeFolder(std::string const& final, std::string& temporary);
     [[nodiscard]] bool RepairDirectory(std::string const& directory, std::size_t index);
     [[nodiscard]] bool RepairKeyFile(std::string const& path, std::size_t index);
@@ -68,8 +70,8 @@ class RecoveryRepair {
     std::string const aside_;
     std::string temporaryInto_;  // empty when there is none
     std::string temporaryAside_;
-    std::unique_ptr<Keys> keys_;
-    std::unique_ptr<Writer> contents_;  // of what is set aside, once there is any
+    std::unique_ptr<KeyFileWriter> keys_;
+    std::unique_ptr<RecoveryFileWriter> contents_;  // of what is set aside, once there is any
     RepairReport report_;
     std::string problem_;
 };

@@ -1,8 +1,6 @@
 #include "socket_view.h"
 
 #include <arpa/inet.h>
-#include <dirent.h>
-#include <fmt/format.h>
 #include <linux/inet_diag.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
@@ -14,32 +12,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <memory>
 #include <set>
 
+#include "process_sockets.h"
 #include "sutl_descriptor.h"
 
 namespace {
-
-// States of a connection, as in the kernel's tables.
-constexpr unsigned int ESTABLISHED = 1;
-constexpr unsigned int CLOSE_WAIT = 8;
-constexpr unsigned int LISTENING = 10;
-
-// The numbers of the sockets that the process holds; empty when this user may not know.
-std::set<unsigned int> SocketsOf(pid_t pid) {
-    std::set<unsigned int> sockets;
-    std::string const folder = fmt::format("/proc/{}/fd", pid);
-    std::unique_ptr<DIR, int (*)(DIR*)> const names(opendir(folder.c_str()), closedir);
-    if (names == nullptr) return sockets;
-    while (dirent const* const entry = readdir(names.get())) {
-        char target[64] = {};
-        if (readlink(fmt::format("{}/{}", folder, entry->d_name).c_str(), target, sizeof target - 1) <= 0) continue;
-        unsigned int inode = 0;
-        if (sscanf(target, "socket:[%u]", &inode) == 1) sockets.insert(inode);
-    }
-    return sockets;
-}
 
 struct Question {
     nlmsghdr head;
@@ -54,7 +32,7 @@ bool Ask(sutl_Descriptor const& kernel) {
     question.body.sdiag_family = AF_INET;
     question.body.sdiag_protocol = IPPROTO_TCP;
     question.body.idiag_ext = 1 << (INET_DIAG_INFO - 1);
-    question.body.idiag_states = 1U << ESTABLISHED | 1U << CLOSE_WAIT | 1U << LISTENING;
+    question.body.idiag_states = 1U << SOCKET_ESTABLISHED | 1U << SOCKET_CLOSE_WAIT | 1U << SOCKET_LISTENS;
     timeval const patience = {1, 0};
     setsockopt(kernel.Get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     return send(kernel.Get(), &question, sizeof question, 0) == sizeof question;
@@ -79,7 +57,7 @@ void Take(nlmsghdr const* message, ServerProcess const& server, std::set<unsigne
     if (!own.empty() && own.count(socket->idiag_inode) == 0) return;
     unsigned short const here = ntohs(socket->id.idiag_sport);
     unsigned short const there = ntohs(socket->id.idiag_dport);
-    if (socket->idiag_state == LISTENING) {
+    if (socket->idiag_state == SOCKET_LISTENS) {
         view.listens = view.listens || here == server.dataPort;
     } else if (here == server.dataPort && socket->idiag_inode != 0) {
         view.hasProducer = true;
