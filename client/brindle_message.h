@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "brindle_value.h"
-#include "sutl_frame.h"
+#include "sutl_frameheader.h"
 
 // The size of a field on every wire.
 [[nodiscard]] inline std::size_t brindle_FieldBytes(brindle_Value const& value) {

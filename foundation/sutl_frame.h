@@ -1,17 +1,11 @@
-// Frames: how a byte field travels over a connection.
-//
-// | offset | size | content                                                                    |
-// |      0 |    4 | L, the number of message bytes, unsigned, most significant byte first      |
-// |      4 |    L | the message                                                                |
-//
-// Frames follow each other directly. L = 0 is the termination message.
+// Byte fields sent and received as frames.
 #pragma once
 
 #include <atomic>
 
+#include "sutl_frameheader.h"
 #include "sutl_netorderbytefield.h"
 
-constexpr unsigned int SUTL_FRAME_HEADER_BYTES = 4;
 constexpr unsigned int SUTL_TRANSFER_BYTES_MAX = 4096;  // per read and send
 // A header that arrives in pieces is waited for as long as this after its first byte: the network may cut a busy stream
 // anywhere, while a producer that writes headers in pieces is at fault.

@@ -10,6 +10,7 @@
 
 #include "commands.h"
 #include "completion.h"
+#include "manual.h"
 #include "sutl_assert.h"
 
 namespace {
@@ -46,10 +47,10 @@ Examples:
   brindlectl sink --spec flights.spec --ship 127.0.0.1:7001,7002 csv:shipped
   brindlectl send --spec flights.spec --data 127.0.0.1:7101,7102 flights.csv)");
 
-    std::unique_ptr<Command> const commands[] = {MakeSendCommand(),   MakeSchemaCommand(),    MakeSinkCommand(),
-                                                 MakeQueryCommand(),  MakeDumpCommand(),      MakeCheckCommand(),
-                                                 MakeRepairCommand(), MakeTopCommand(),       MakeBenchCommand(),
-                                                 MakeRunCommand(),    MakeCompletionCommand()};
+    std::unique_ptr<Command> const commands[] = {MakeSendCommand(),   MakeSchemaCommand(),     MakeSinkCommand(),
+                                                 MakeQueryCommand(),  MakeDumpCommand(),       MakeCheckCommand(),
+                                                 MakeRepairCommand(), MakeTopCommand(),        MakeBenchCommand(),
+                                                 MakeRunCommand(),    MakeCompletionCommand(), MakeManualCommand()};
     for (auto const& command : commands) command->Declare(program);
     try {
         program.parse(argc, argv);

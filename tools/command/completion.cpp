@@ -76,6 +76,7 @@ using Verbs = std::vector<Verb>;
 Verbs VerbsOf(CLI::App const& app, std::string const& path = "") {
     Verbs verbs;
     for (CLI::App const* const verb : app.get_subcommands([](CLI::App const*) { return true; })) {
+        if (verb->get_group().empty()) continue;  // hidden from --help as well
         std::string const own = path.empty() ? verb->get_name() : path + ' ' + verb->get_name();
         verbs.push_back({own, verb, VerbsOf(*verb, own)});
     }
