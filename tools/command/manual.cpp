@@ -8,12 +8,12 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "durable_file.h"
 #include "sutl_descriptor.h"
 
 namespace {
 
 constexpr std::size_t HELP_COLUMNS = 120;  // at which the texts of --help are broken
-constexpr mode_t FILE_MODE = 0666;         // as far as the user's mask lets
 
 // The text as roff shows it unchanged.
 std::string Escaped(std::string_view text) {

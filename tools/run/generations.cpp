@@ -23,7 +23,6 @@
 
 namespace {
 
-constexpr mode_t DIRECTORY_MODE = 0777;  // as far as the user's mask lets
 constexpr std::size_t MANY_GENERATIONS = 10;
 
 constexpr char GENERATION[] = "gen";

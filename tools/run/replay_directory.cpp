@@ -8,13 +8,12 @@
 #include <cerrno>
 #include <cstring>
 
+#include "durable_file.h"
 #include "key_file_walker.h"
 #include "key_file_writer.h"
 #include "recovery_file_writer.h"
 
 namespace {
-
-constexpr mode_t DIRECTORY_MODE = 0777;  // as far as the user's mask lets
 
 bool Copy(std::string const& from, std::string const& to, long bytes) {
     sutl_Descriptor const source = sutl_OpenFile(from.c_str(), O_RDONLY | O_CLOEXEC);

@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 
@@ -29,9 +28,8 @@ bool WritesToJournal() {
 }
 
 std::string Now() {
-    auto const now = std::chrono::system_clock::now().time_since_epoch();
     std::string text;
-    AppendIsoTime(text, std::chrono::duration_cast<std::chrono::microseconds>(now).count());
+    AppendIsoTime(text, NowUs());
     return text;
 }
 

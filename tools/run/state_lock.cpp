@@ -10,13 +10,10 @@
 #include <filesystem>
 #include <vector>
 
+#include "durable_file.h"
 #include "recovery_directory.h"
 
-namespace {
-
-constexpr mode_t FILE_MODE = 0666;  // as far as the user's mask lets
-
-}  // namespace
+namespace {}  // namespace
 
 bool StateLock::Take(std::string const& directory) {
     error_.clear();
