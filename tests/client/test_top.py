@@ -8,7 +8,7 @@ import time
 from pathlib import Path
 
 from running import wait_until
-from runs import BINARIES, Run, expect
+from runs import BINARIES, SANITIZED, Run, expect
 from tools import TYPES, Brindlectl
 from wire import Record, float_bits
 
@@ -33,7 +33,8 @@ class Top(Brindlectl):
         run.wait_cycles(2)
         seen = self.look(*shown)
         expect("state and keys", (seen["state"], seen["keys"], seen["errors_total"]), ("serving", 7, 0))
-        self.assertAlmostEqual(seen["records_in_estimate"], len(sent), delta=len(sent) * 0.02)
+        if not SANITIZED:  # sanitizers write to pipes of their own, which the system counts as well
+            self.assertAlmostEqual(seen["records_in_estimate"], len(sent), delta=len(sent) * 0.02)
         expect("thread names", sorted(thread["name"] for thread in seen["threads"]), ["TMain", "TOrg", "TQry", "TShp"])
         self.assertGreater(seen["cycles"], 1)
         self.assertGreater(seen["shipped_bytes"], 10000)

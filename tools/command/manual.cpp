@@ -125,7 +125,7 @@ std::string Entry(CLI::Option const& option) {
     return text;
 }
 
-std::vector<CLI::App const*> VerbsOf(CLI::App const& app) {
+std::vector<CLI::App const*> SubcommandsOf(CLI::App const& app) {
     std::vector<CLI::App const*> const all = app.get_subcommands([](CLI::App const*) { return true; });
     std::vector<CLI::App const*> shown;
     std::copy_if(all.begin(), all.end(), std::back_inserter(shown),
@@ -155,7 +155,7 @@ std::string Page(CLI::App const& app, std::string const& name, std::string const
     }
     std::string verbs;
     std::string others;
-    for (CLI::App const* const verb : VerbsOf(app)) {
+    for (CLI::App const* const verb : SubcommandsOf(app)) {
         std::string const other = fmt::format("\\fB{}\\-{}\\fR(1)", Escaped(page), Escaped(verb->get_name()));
         verbs += fmt::format(".TP\n{}\n{}.\n", other, Escaped(verb->get_description()));
     }
@@ -199,7 +199,7 @@ class ManualCommand : public Command {
         if (sutl_FileWrite(file.Get(), text.data(), text.size()) != static_cast<long>(text.size())) {
             return Fail(IO_ERROR, "{}: writing failed: {}", path, strerror(errno));
         }
-        for (CLI::App const* const verb : VerbsOf(app)) {
+        for (CLI::App const* const verb : SubcommandsOf(app)) {
             ExitCode const code = Write(*verb, name + ' ' + verb->get_name(), page + '-' + verb->get_name());
             if (code != DONE) return code;
         }

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "brindle_records.h"
+#include "own_address.h"
 #include "sutl_tcpsocket.h"
 
 namespace {
@@ -22,15 +23,6 @@ constexpr std::chrono::milliseconds TURN_PAUSE{50};  // between two looks whethe
 struct FileCloser {
     void operator()(FILE* file) const { fclose(file); }
 };
-
-// Whether an address is one of this machine's own.
-bool IsOwnAddress(in_addr host) {
-    sutl_Descriptor const probe(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr = host;
-    return bind(probe.Get(), reinterpret_cast<sockaddr const*>(&address), sizeof address) == 0;
-}
 
 // Whether a program of this machine has accepted a connection on a port. One that still waits to be accepted, as ours
 // does behind another client's, belongs to no inode.

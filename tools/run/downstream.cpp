@@ -1,27 +1,12 @@
 #include "downstream.h"
 
 #include <arpa/inet.h>
-#include <ifaddrs.h>
 
-#include <memory>
-
+#include "own_address.h"
 #include "process_sockets.h"
 #include "sutl_tcpsocket.h"
 
 namespace {
-
-bool IsOwnAddress(in_addr host) {
-    constexpr in_addr_t LOOPBACK_NET = 127;
-    if (ntohl(host.s_addr) >> 24 == LOOPBACK_NET || host.s_addr == htonl(INADDR_ANY)) return true;
-    ifaddrs* list = nullptr;
-    if (getifaddrs(&list) != 0) return false;
-    std::unique_ptr<ifaddrs, void (*)(ifaddrs*)> const owner(list, freeifaddrs);
-    for (ifaddrs const* at = list; at != nullptr; at = at->ifa_next) {
-        if (at->ifa_addr == nullptr || at->ifa_addr->sa_family != AF_INET) continue;
-        if (reinterpret_cast<sockaddr_in const*>(at->ifa_addr)->sin_addr.s_addr == host.s_addr) return true;
-    }
-    return false;
-}
 
 Downstream LookAtOwn(in_addr host, brindle_Address const& ship) {
     bool first = false;

@@ -13,8 +13,6 @@
 #include "durable_file.h"
 #include "recovery_directory.h"
 
-namespace {}  // namespace
-
 bool StateLock::Take(std::string const& directory) {
     error_.clear();
     std::error_code problem;

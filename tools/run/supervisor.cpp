@@ -33,7 +33,7 @@ std::string Seconds(std::chrono::steady_clock::duration length) {
     return fmt::format("{:.1f} s", std::chrono::duration<double>(length).count());
 }
 
-std::string Shown(brindle_Address const& address) {
+std::string AddressText(brindle_Address const& address) {
     return fmt::format("{}:{},{}", address.host, address.firstPort, address.secondPort);
 }
 
@@ -124,7 +124,7 @@ Supervisor::Step Supervisor::Prepare() {
 Supervisor::Step Supervisor::WaitForConsumer() {
     bool saidSo = false;
     bool const isOwn = IsOfThisMachine(config_.ports.ship.host);
-    std::string const shown = Shown(config_.ports.ship);
+    std::string const shown = AddressText(config_.ports.ship);
     for (;;) {
         Downstream const seen = AskDownstream(config_.ports.ship, REMOTE_PATIENCE);
         TakeSignals();
@@ -244,10 +244,10 @@ void Supervisor::LookAtServer() {
             Warn(
                 "the connection to the consumer at {} is lost: the server is killed, what it has not shipped is "
                 "replayed",
-                Shown(ports_.ship));
+                AddressText(ports_.ship));
         } else if (course_.wasConsumerThere) {
             Warn("the connection to the consumer at {} is lost; what is shipped until it is back is lost, too",
-                 Shown(ports_.ship));
+                 AddressText(ports_.ship));
         }
         course_.wasConsumerThere = false;
         return;
@@ -258,7 +258,7 @@ void Supervisor::LookAtServer() {
 void Supervisor::BecomeReady(bool queryListens) {
     course_.wasReady = true;
     Say("generation {} is ready after {}", start_.number, Seconds(Clock::now() - course_.begun));
-    if (!queryListens) Warn("the query ports {} are not served", Shown(ports_.query));
+    if (!queryListens) Warn("the query ports {} are not served", AddressText(ports_.query));
     generations_.ReplayFinished();
     if (drains_) {
         course_.askedToEnd = true;
