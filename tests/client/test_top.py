@@ -8,7 +8,7 @@ import time
 from pathlib import Path
 
 from running import wait_until
-from runs import BINARIES, SANITIZED, Run, expect
+from runs import BINARIES, SANITIZED, Run, cycles_before_end, expect
 from tools import TYPES, Brindlectl
 from wire import Record, float_bits
 
@@ -30,7 +30,7 @@ class Top(Brindlectl):
         now_us = int(time.time()) * SECOND_US
         sent = records(20000, 7, now_us - 20 * SECOND_US)
         run.send(sent, per_frame=500)
-        run.wait_cycles(2)
+        run.wait_cycles(cycles_before_end(sent))
         seen = self.look(*shown)
         expect("state and keys", (seen["state"], seen["keys"], seen["errors_total"]), ("serving", 7, 0))
         if not SANITIZED:  # sanitizers write to pipes of their own, which the system counts as well
