@@ -57,7 +57,7 @@ std::string Date() {
 }
 
 // What stands behind the options in --help, by the sections of a page. Paragraphs are broken into lines there: one ends
-// where the first word of the next line would still have found room.
+// where the first word of the next line would still have found room, unless that word goes on with a sentence.
 class Footer {
  public:
     explicit Footer(std::string_view text) {
@@ -82,7 +82,9 @@ class Footer {
         }
         bool const isVerbatim = line.starts_with("  ");
         std::string_view const firstWord = line.substr(0, line.find(' '));
-        bool const isStart = line.starts_with("Exit status") || lastBytes_ + 1 + firstWord.size() < HELP_COLUMNS;
+        bool const hadRoom = lastBytes_ + 1 + firstWord.size() < HELP_COLUMNS;
+        bool const goesOn = !line.empty() && line[0] >= 'a' && line[0] <= 'z';
+        bool const isStart = line.starts_with("Exit status") || (hadRoom && !goesOn);
         if (isVerbatim != isVerbatim_ || (!isVerbatim && isStart)) EndBlock();
         isVerbatim_ = isVerbatim;
         lastBytes_ = line.size();
@@ -160,7 +162,8 @@ std::string Page(CLI::App const& app, std::string const& name, std::string const
         verbs += fmt::format(".TP\n{}\n{}.\n", other, Escaped(verb->get_description()));
     }
     if (!isProgram) others = fmt::format("\\fBbrindlectl\\fR(1),\n");
-    others += "\\fBbrindle\\fR(1),\n\\fBbrindle\\-schema\\fR(5),\n\\fBbrindle\\-protocol\\fR(7)\n";
+    others +=
+        "\\fBbrindle\\fR(1),\n\\fBbrindle.toml\\fR(5),\n\\fBbrindle\\-schema\\fR(5),\n\\fBbrindle\\-protocol\\fR(7)\n";
 
     std::string title = page;
     std::transform(title.begin(), title.end(), title.begin(),
