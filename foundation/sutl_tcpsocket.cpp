@@ -19,7 +19,8 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 constexpr milliseconds STOP_LOOK_INTERVAL(100);  // between two looks at an order to stop
-constexpr int CLOSE_STALL_SECONDS_MAX = 5;
+// A peer that reads a few kilobytes a second makes room in great steps, many seconds apart.
+constexpr int CLOSE_STALL_SECONDS_MAX = 30;
 constexpr milliseconds CLOSE_LOOK_MAX(16);  // between two looks at what the peer has taken
 
 bool Start(sutl_Descriptor const& socket, sockaddr_in const& address) {

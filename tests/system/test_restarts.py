@@ -9,6 +9,7 @@ import signal
 import socket
 import sys
 import threading
+import time
 import unittest
 from collections.abc import Callable
 from contextlib import suppress
@@ -115,6 +116,23 @@ class Replies(unittest.TestCase):
                 expect("records of the reply", sorted(run.schema.decode_reply(client.receive())), sent)
                 expect("the end", (client.replies.recv(1), client.requests.recv(1)), (b"", b""))
                 run.finish(sent)
+
+
+    def test_wait_for_a_client_that_has_ended_its_requests_and_pauses(self) -> None:
+        sent = [(1, at(9, i), b"x" * (1 << 20)) for i in range(2)]
+        with Run("4s") as run:
+            run.start()
+            run.send(sent, 1)
+            finder = run.client()
+            finder.find_all(1, len(sent))
+            finder.close()
+            client = run.client()  # whose system has no room yet for more than a small part
+            client.send(run.schema.encode_query(1, 0, BOUND_MAX))
+            client.requests.shutdown(socket.SHUT_WR)
+            time.sleep(7)
+            expect("records of the reply", sorted(run.schema.decode_reply(client.receive())), sent)
+            expect("the end", client.replies.recv(1), b"")
+            run.finish(sent)
 
 
 class Sigterm(unittest.TestCase):
