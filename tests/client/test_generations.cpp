@@ -438,9 +438,13 @@ TEST(Generations, SurviveAnEndOrAFullDiskAtAnyStep) {
     }
 }
 
-TEST(Generations, DrainRecordsOfAnotherSchemaFirst) {
+class Drains : public testing::TestWithParam<bool> {};
+TEST_P(Drains, ShipRecordsOfAnotherSchemaFirst) {
     test::Random random = test::SeededRandom();
+    // Records of times near zero stay in their files.
+    bool const leavesRecords = GetParam();
     World world(random);
+    std::filesystem::create_directories(world.state_ + "/gen-7");  // no name of ours
     world.Prepare();
     world.AddRecords(500);
     world.Kill();
@@ -461,13 +465,15 @@ TEST(Generations, DrainRecordsOfAnotherSchemaFirst) {
     world.server_ = std::make_unique<Server>(world.spec_, world.start_, world.shipped_);
     EXPECT_LT(400U, world.server_->Waiting().size());
     world.server_->Replay(SIZE_MAX);
-    world.server_->End(true);
+    world.server_->End(!leavesRecords);
     EXPECT_TRUE(generations.Ended(true, world.notes_));
+    EXPECT_EQ(leavesRecords, std::filesystem::exists(fmt::format("{}/kept-{:06}", world.state_, world.start_.number)));
     GenerationStart start;
     EXPECT_EQ(Generations::READY, generations.PrepareStart(other, start, world.notes_)) << generations.Error();
     EXPECT_EQ("", start.replay);
     EXPECT_EQ(Generations::FAILED, generations.PrepareDrain(start, world.notes_));
 }
+INSTANTIATE_TEST_SUITE_P(Generations, Drains, testing::Bool());
 
 // What was not replayed outlives the generation that it was found in.
 TEST(Generations, KeepWhatWasNeverReplayed) {

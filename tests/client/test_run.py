@@ -201,6 +201,9 @@ class Running(Brindlectl):
         crash.chmod(0o755)
         tool = self.ended(75, *self.config(server='"crash"', starts_max="2"))
         self.assertRegex(tool.errors(), r"(?s)brindle: no\n.*ended with status 3 before it was ready")
+        # An orderly end is none of a server that says nothing.
+        self.assertIn("ended with status 0 before it was ready",
+                      self.ended(75, *self.config(server='"/bin/true"', starts_max="2")).errors())
         self.assertIn("cannot be started", self.ended(75, *self.config(server='"one.toml"', starts_max="1")).errors())
 
     def test_the_second_signal_and_the_time_limit_kill(self) -> None:
@@ -261,6 +264,7 @@ class Running(Brindlectl):
 
             comes("STATUS=waiting for the consumer")
             comes("EXTEND_TIMEOUT_USEC=30000000")
+            self.assertIn("EXTEND_TIMEOUT_USEC=30000000\nWATCHDOG=1", seen)  # while it prepares
             self.assertNotIn("READY=1", seen)
             self.consumer.listen()
             comes("READY=1")

@@ -60,7 +60,8 @@ class Generations {
     // generation; what was replayed is removed then. False: not yet, or Error() is not empty and tells what failed.
     [[nodiscard]] bool Settle(std::vector<std::string>& notes);
     // The newest start's server has ended. shippedAll: it had been ready and ended orderly with its consumer connected,
-    // so that its generation, unless records are left in it, and what it replayed are removed. False: Error() tells;
+    // so that its generation, unless records are left in it, and what it replayed are removed; what a drain leaves is
+    // kept aside, since no other one would ship it. False: Error() tells;
     // what could not be removed is replayed again.
     [[nodiscard]] bool Ended(bool shippedAll, std::vector<std::string>& notes);
 
@@ -108,5 +109,6 @@ class Generations {
     unsigned last_ = 0;               // the greatest number met or given
     std::vector<unsigned> replayed_;  // by the newest start, and not yet removed
     bool replayFinished_ = false;
-    Mark mark_;  // of the newest generation when its replay was known to be finished
+    bool isDrain_ = false;  // the newest start is
+    Mark mark_;             // of the newest generation when its replay was known to be finished
 };

@@ -1,9 +1,11 @@
 #include "notify.h"
 
+#include <fmt/format.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -42,4 +44,22 @@ void Notifier::Send(std::string_view text) const {
     // A message that is lost costs nothing but a state shown late: the next one comes soon.
     static_cast<void>(sendto(socket_.Get(), text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT,
                              reinterpret_cast<sockaddr const*>(&address), bytes));
+}
+
+TimeExtender::TimeExtender(Notifier const& notifier) : notifier_(notifier) {
+    if (notifier_.IsWanted()) thread_ = std::jthread([this](std::stop_token const& stop) { Extend(stop); });
+}
+
+void TimeExtender::Extend(std::stop_token const& stop) {
+    std::chrono::microseconds pause = TIME_EXTENSION_PAUSE;
+    std::string text = fmt::format("EXTEND_TIMEOUT_USEC={}", std::chrono::microseconds(TIME_EXTENSION).count());
+    if (notifier_.WatchdogInterval().count() > 0) {
+        pause = std::min(pause, notifier_.WatchdogInterval());
+        text += "\nWATCHDOG=1";
+    }
+    std::unique_lock lock(mutex_);
+    do {
+        notifier_.Send(text);
+        stopped_.wait_for(lock, stop, pause, [] { return false; });
+    } while (!stop.stop_requested());
 }

@@ -154,8 +154,7 @@ ExitCode RunCommand::Supervise() {
     StateLock lock;
     auto const deadline = std::chrono::steady_clock::now() + LOCK_PATIENCE;
     while (!lock.Take(directory_)) {
-        bool const isInUse = IsStateInUse(directory_);
-        if (!isInUse) return Fail(IO_ERROR, "{}", lock.Error());
+        if (!lock.IsTaken()) return Fail(IO_ERROR, "{}", lock.Error());
         if (std::chrono::steady_clock::now() > deadline) return Fail(TRY_AGAIN, "{}", lock.Error());
         std::this_thread::sleep_for(LOCK_PAUSE);
     }

@@ -88,7 +88,12 @@ void RunLog::Write(std::string_view program, std::string_view line) {
         Append(fmt::format("{}brindlectl run: {} lines could not be written and are lost\n", stamp, dropped_))) {
         dropped_ = 0;
     }
-    if (dropped_ > 0 || !Append(fmt::format("{}{}: {}\n", stamp, program, line))) ++dropped_;
+    // A pipe takes so many bytes as a whole, and says beforehand whether it has room for them.
+    do {
+        std::string_view const piece = line.substr(0, LINE_BYTES_MAX);
+        if (dropped_ > 0 || !Append(fmt::format("{}{}: {}\n", stamp, program, piece))) ++dropped_;
+        line.remove_prefix(piece.size());
+    } while (!line.empty());
 }
 
 // In one write, so that lines stay whole.

@@ -38,6 +38,7 @@ ServerLook LookAtServer(pid_t server, ServerPorts const& ports) {
                               socket.localPort == ports.query.firstPort || socket.localPort == ports.query.secondPort;
         if (isClient || socket.remotePort != ports.ship.firstPort) return true;
         look.link = socket.state == SOCKET_ESTABLISHED ? ServerLook::ESTABLISHED : ServerLook::BROKEN;
+        look.linkInode = socket.inode;
         return look.link != ServerLook::ESTABLISHED;
     });
     if (!isRead) return {};

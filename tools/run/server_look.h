@@ -24,7 +24,8 @@ struct ServerLook {
     bool dataListens = false;  // on both ports: the replay is over, a producer is waited for or served
     bool queryListens = false;
     Link link = ABSENT;
-    bool shipperRuns = false;  // the ship thread lives: the first connect is over, and the last close has not begun
+    unsigned int linkInode = 0;  // of that connection: one that is made anew has another
+    bool shipperRuns = false;    // the ship thread lives: the first connect is over, and the last close has not begun
 
     // Records are being shipped into nothing.
     [[nodiscard]] bool ConsumerIsLost() const { return shipperRuns && link != ESTABLISHED; }

@@ -15,6 +15,7 @@
 
 bool StateLock::Take(std::string const& directory) {
     error_.clear();
+    isTaken_ = false;
     std::error_code problem;
     std::filesystem::create_directories(directory, problem);
     std::string const path = directory + "/lock";
@@ -29,7 +30,8 @@ bool StateLock::Take(std::string const& directory) {
         file_ = std::move(file);
         return true;
     }
-    if (errno != EWOULDBLOCK) {
+    isTaken_ = errno == EWOULDBLOCK;
+    if (!isTaken_) {
         error_ = fmt::format("{}: cannot be locked: {}", path, strerror(errno));
         return false;
     }

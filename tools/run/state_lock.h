@@ -13,10 +13,12 @@ class StateLock {
     // The state directory, made when it is missing. False: Error() tells who holds it, as far as this user may know. A
     // server whose supervisor was killed may hold it for a moment longer, so it is worth trying again for a second.
     [[nodiscard]] bool Take(std::string const& directory);
+    [[nodiscard]] bool IsTaken() const { return isTaken_; }  // by somebody else, when it was last tried
     [[nodiscard]] int Descriptor() const { return file_.Get(); }
     [[nodiscard]] std::string const& Error() const { return error_; }
 
  private:
     sutl_Descriptor file_;
     std::string error_;
+    bool isTaken_ = false;
 };

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <optional>
 
 #include "downstream.h"
 #include "free_ports.h"
@@ -15,15 +16,16 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto LOOK_PAUSE = 100ms;       // between two looks at a server that serves
-constexpr auto FIRST_LOOK_PAUSE = 10ms;  // at one that has been started: most are ready at once
+// Between two looks at a server. The kernel goes through its whole table of connections, which takes it a millisecond.
+constexpr auto SERVING_LOOK_PAUSE = 500ms;
+constexpr auto ENDING_LOOK_PAUSE = 50ms;     // what is lost then is taken for shipped
+constexpr auto STARTING_LOOK_PAUSE = 100ms;  // a long replay
+constexpr auto FIRST_LOOK_PAUSE = 10ms;      // most are ready at once
 constexpr auto SETTLE_PAUSE = 500ms;
 constexpr auto ASK_PAUSE = 200ms;      // between two looks for a consumer of this machine
 constexpr auto REMOTE_ASK_PAUSE = 1s;  // and for another's
 constexpr auto REMOTE_PATIENCE = 1s;
-constexpr auto STATE_PAUSE = 5s;
-constexpr auto STATE_EXTENSION = 30s;  // asked of the service manager as often
-constexpr int ABSENT_LOOKS = 3;        // until what is absent counts as gone
+constexpr int ABSENT_LOOKS = 3;  // until what is absent counts as gone
 
 // Parts of lines that tell of a message which the consumer has not got, or perhaps a query client.
 constexpr std::string_view LOSSES[] = {"ERROR  Sender:", "Socket Sender:", "Connected again",
@@ -95,6 +97,8 @@ Supervisor::Step Supervisor::Prepare() {
     Enter("preparing a start");
     drains_ = false;
     ports_ = config_.ports;
+    // All that waits is read.
+    std::optional<TimeExtender> extender(std::in_place, notifier_);
     Generations::Result result = generations_.PrepareStart(config_.spec, start_, notes_);
     if (result == Generations::SCHEMA_CHANGED && !config_.drainsOnSchemaChange) {
         TellNotes();
@@ -115,6 +119,7 @@ Supervisor::Step Supervisor::Prepare() {
         ports_.query = {"127.0.0.1", ports[2], ports[3]};
         result = generations_.PrepareDrain(start_, notes_);
     }
+    extender.reset();
     TellNotes();
     if (result != Generations::READY) return PauseAfterBadStart(generations_.Error());
     keepsRecords_ = !start_.replay.empty();
@@ -165,8 +170,11 @@ Supervisor::Step Supervisor::Serve() {
         return earlyLosses_ == 0 ? Step::PREPARE : Pause(earlyLosses_);
     }
     earlyLosses_ = 0;
-    // One that was ready for less than a look has come to its orderly end all the same; so has one that could not bind.
-    bool const wasReady = course_.wasReady || (end.IsOrderly() && !course_.saidNoAccept);
+    // One that was ready for less than a look has come to its orderly end all the same; one that could not bind says
+    // so, and what is no server says nothing.
+    bool const wasReady = course_.wasReady || (end.IsOrderly() && course_.saidEnd && !course_.saidNoAccept);
+    if (wasReady && drains_ && !shippedAll_)
+        return PauseAfterBadStart("the former schema's records were not all shipped");
     if (!wasReady) return PauseAfterBadStart(fmt::format("the server {} before it was ready", end.Text()));
     badStarts_ = 0;
     return Step::PREPARE;
@@ -205,8 +213,8 @@ Supervisor::Step Supervisor::Stopped() {
 // The server at work -----------------------------------------------------------
 
 void Supervisor::WatchServer() {
-    Clock::duration lookPause = FIRST_LOOK_PAUSE;
-    Clock::time_point lookDue = Clock::now();
+    Clock::duration startPause = FIRST_LOOK_PAUSE;
+    lookDue_ = Clock::now();
     Clock::time_point syncDue = Clock::now();
     bool const syncs = config_.syncIntervalUs > 0;
     Clock::duration const syncPause = syncs ? std::chrono::microseconds(config_.syncIntervalUs) : SETTLE_PAUSE;
@@ -219,17 +227,19 @@ void Supervisor::WatchServer() {
             child_.Signal(SIGKILL);
             killDue_ = Clock::time_point::max();
         }
-        if (now >= lookDue) {
+        if (now >= lookDue_) {
             LookAtServer();
-            // A long replay is looked at less often.
-            lookPause = course_.wasReady ? LOOK_PAUSE : std::min<Clock::duration>(2 * lookPause, LOOK_PAUSE);
-            lookDue = Clock::now() + lookPause;
+            lookedAt_ = Clock::now();
+            startPause = std::min<Clock::duration>(2 * startPause, STARTING_LOOK_PAUSE);
+            lookDue_ = lookedAt_ + (course_.saidEnd    ? ENDING_LOOK_PAUSE
+                                    : course_.wasReady ? SERVING_LOOK_PAUSE
+                                                       : startPause);
         }
         if (now >= syncDue) {
             SyncAndSettle();
             syncDue = Clock::now() + syncPause;
         }
-        WaitForEvent(std::min({lookDue, syncDue, killDue_}) - Clock::now());
+        WaitForEvent(std::min({lookDue_, syncDue, killDue_}) - Clock::now());
     }
 }
 
@@ -237,7 +247,11 @@ void Supervisor::LookAtServer() {
     if (course_.killedForLoss) return;
     ServerLook look = ::LookAtServer(child_.Pid(), ports_);
     for (int i = 1; i < ABSENT_LOOKS && look.ConsumerIsLost(); ++i) look = ::LookAtServer(child_.Pid(), ports_);
-    if (look.ConsumerIsLost()) {
+    if (course_.linkInode == 0 && look.link == ServerLook::ESTABLISHED) course_.linkInode = look.linkInode;
+    // A connection that the server has made anew was lost before, with what was sent meanwhile.
+    bool const isAnother = look.link == ServerLook::ESTABLISHED && look.linkInode != course_.linkInode;
+    if (look.ConsumerIsLost() || isAnother) {
+        if (isAnother) course_.linkInode = look.linkInode;
         if (config_.killsOnConsumerLoss) {
             course_.killedForLoss = true;
             child_.Signal(SIGKILL);
@@ -250,7 +264,7 @@ void Supervisor::LookAtServer() {
                  AddressText(ports_.ship));
         }
         course_.wasConsumerThere = false;
-        return;
+        if (config_.killsOnConsumerLoss) return;
     }
     if (look.dataListens && !course_.wasReady) BecomeReady(look.queryListens);
 }
@@ -275,8 +289,10 @@ void Supervisor::SyncAndSettle() {
     std::string trouble;
     if (config_.syncIntervalUs > 0 && !syncer_.Sync()) {
         trouble = fmt::format("{}: cannot be synced: {}", start_.recovery, strerror(errno));
+        course_.couldNotSync = true;
     }
-    if (course_.wasReady && !isSettled_) {
+    // The system tells of a block that the disk has refused only once: what was replayed stays until it is shipped.
+    if (course_.wasReady && !isSettled_ && !course_.couldNotSync) {
         isSettled_ = generations_.Settle(notes_);
         TellNotes();
         if (!isSettled_ && !generations_.Error().empty()) trouble = generations_.Error();
@@ -305,17 +321,17 @@ ChildEnd Supervisor::TakeEnd() {
         isOutputOpen_ = log_.TakeServerOutput(child_.OutputDescriptor(), look);
     }
     log_.EndServerOutput(look);
-    bool const shippedAll = ShippedAll(end);
-    keepsRecords_ = !shippedAll && (course_.wasReady || !start_.replay.empty());
+    shippedAll_ = ShippedAll(end);
+    keepsRecords_ = !shippedAll_ && (course_.wasReady || !start_.replay.empty());
     std::string const line =
         fmt::format("generation {} {} after {}{}", start_.number, end.Text(), Seconds(Clock::now() - course_.begun),
-                    shippedAll ? ": everything was shipped" : "");
+                    shippedAll_ ? ": everything was shipped" : "");
     if (end.IsOrderly()) {
         Say("{}", line);
     } else {
         Warn("{}", line);
     }
-    if (!generations_.Ended(shippedAll, notes_)) Warn("{}", generations_.Error());
+    if (!generations_.Ended(shippedAll_, notes_)) Warn("{}", generations_.Error());
     TellNotes();
     return end;
 }
@@ -327,8 +343,14 @@ bool Supervisor::ShippedAll(ChildEnd const& end) const {
 }
 
 void Supervisor::TakeServerLine(std::string_view line) {
-    for (std::string_view const loss : LOSSES) course_.saidLoss = course_.saidLoss || line.find(loss) != line.npos;
-    course_.saidNoAccept = course_.saidNoAccept || line.find("Accept failed") != line.npos;
+    auto const tells = [line](std::string_view what) { return line.find(what) != line.npos; };
+    bool const tellsLoss = std::any_of(std::begin(LOSSES), std::end(LOSSES), tells);
+    bool const tellsEnd = tells("Shutting down");
+    course_.saidLoss = course_.saidLoss || tellsLoss;
+    course_.saidEnd = course_.saidEnd || tellsEnd;
+    // Looked at once, but for a query client that makes many such lines.
+    if (tellsLoss || tellsEnd) lookDue_ = std::min(lookDue_, lookedAt_ + FIRST_LOOK_PAUSE);
+    course_.saidNoAccept = course_.saidNoAccept || tells("Accept failed");
 }
 
 // Waiting and telling -----------------------------------------------------------
@@ -383,11 +405,11 @@ void Supervisor::TellState() {
         watchdogDue_ = now + notifier_.WatchdogInterval() / 2;
     }
     if (now < stateDue_) return;
-    stateDue_ = now + STATE_PAUSE;
+    stateDue_ = now + TIME_EXTENSION_PAUSE;
     std::string text = "STATUS=" + state_;
     // A start, with its replay and its wait for the consumer, and a stop take the time that they take.
     if (!wasEverReady_ || stopsAsked_ > 0) {
-        text += fmt::format("\nEXTEND_TIMEOUT_USEC={}", std::chrono::microseconds(STATE_EXTENSION).count());
+        text += fmt::format("\nEXTEND_TIMEOUT_USEC={}", std::chrono::microseconds(TIME_EXTENSION).count());
     }
     notifier_.Send(text);
 }

@@ -53,6 +53,9 @@ class Supervisor {
         bool wasConsumerThere = true;  // whenever it was looked at
         bool saidLoss = false;         // its log tells of a message that was not sent
         bool saidNoAccept = false;     // or of a port on which it could not listen
+        bool saidEnd = false;          // or of an orderly end that begins
+        unsigned int linkInode = 0;    // of its first connection to the consumer; 0: none was seen
+        bool couldNotSync = false;     // some of its log: whatever is synced later may pass over that
         bool killedForLoss = false;
         bool askedToEnd = false;  // by SIGTERM: a second one would end it at once
     };
@@ -98,7 +101,8 @@ class Supervisor {
     GenerationStart start_;
     ServerPorts ports_;  // of this start
     Course course_;
-    bool drains_ = false;  // this start is under an old schema, to replay and end
+    bool drains_ = false;      // this start is under an old schema, to replay and end
+    bool shippedAll_ = false;  // the last server
     bool isSettled_ = false;
     bool isOutputOpen_ = false;
     bool keepsRecords_ = false;  // something waits to be replayed
@@ -107,6 +111,8 @@ class Supervisor {
     long badStarts_ = 0;    // in a row
     long earlyLosses_ = 0;  // of the consumer, in a row, before the server was ready
     unsigned long starts_ = 0;
+    Clock::time_point lookDue_;
+    Clock::time_point lookedAt_;
     Clock::time_point killDue_ = Clock::time_point::max();  // of a server that was asked to end
     std::vector<std::string> notes_;
     std::string trouble_;  // of syncing or settling; said once
