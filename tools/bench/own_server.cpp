@@ -1,50 +1,28 @@
 #include "own_server.h"
 
 #include <fcntl.h>
-#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <thread>
 
+#include "start_program.h"
 #include "sutl_descriptor.h"
 
 bool OwnServer::Start(std::string const& program, std::vector<std::string> const& arguments,
                       std::string const& errorPath) {
     sutl_Descriptor const errors(open(errorPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
     if (!errors.IsOpen()) return false;
-    std::vector<char*> words = {const_cast<char*>(program.c_str())};
-    for (std::string const& argument : arguments) words.push_back(const_cast<char*>(argument.c_str()));
-    words.push_back(nullptr);
-    sigset_t none;
-    sigemptyset(&none);
-    int failure[2];  // closed by a program that starts, or told why it does not
-    if (pipe2(failure, O_CLOEXEC) != 0) return false;
-    sutl_Descriptor const told(failure[0]);
-    sutl_Descriptor telling(failure[1]);
-    pid_t const parent = getpid();
-    pid_ = fork();
-    if (pid_ == 0) {
-        // Its signals are its own: it ends itself by one.
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        sigprocmask(SIG_SETMASK, &none, nullptr);
-        signal(SIGINT, SIG_DFL);
-        if (getppid() == parent && dup2(errors.Get(), STDERR_FILENO) >= 0) execv(program.c_str(), words.data());
-        int const error = errno;
-        static_cast<void>(!write(telling.Get(), &error, sizeof error));
-        _exit(127);
-    }
-    telling.Close();
-    int error = 0;
-    if (pid_ > 0 && sutl_FileRead(told.Get(), &error, sizeof error) == 0) return true;
-    if (pid_ > 0) Reap();
-    pid_ = 0;
-    errno = error != 0 ? error : errno;
-    return false;
+    std::vector<std::string> words = {program};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    pid_t const child = StartProgram(words, {-1, -1, errors.Get()}, ProcessGroup::OURS);
+    pid_ = std::max(child, 0);
+    return child > 0;
 }
 
 bool OwnServer::HasEnded() const {

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -11,26 +10,7 @@
 #include <csignal>
 #include <cstring>
 
-namespace {
-
-// In the child: gives every signal back its default, and runs the program. Nothing here allocates. Returns on failure.
-void BecomeServer(pid_t parent, int output, char* const* words) {
-    // The order closes the race: a parent that has died before the request was made is noticed behind it.
-    if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent) return;
-    setpgid(0, 0);
-    for (int signal = 1; signal < NSIG; ++signal) ::signal(signal, SIG_DFL);
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
-    int const input = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    if (input < 0 || dup2(input, STDIN_FILENO) < 0 || dup2(output, STDOUT_FILENO) < 0 ||
-        dup2(output, STDERR_FILENO) < 0) {
-        return;
-    }
-    execv(words[0], words);
-}
-
-}  // namespace
+#include "start_program.h"
 
 std::string ChildEnd::Text() const {
     if (byExit) return fmt::format("ended with status {}", number);
@@ -46,39 +26,21 @@ ServerChild::~ServerChild() {
 }
 
 bool ServerChild::Start(std::vector<std::string> const& words) {
-    std::vector<char*> pointers;
-    pointers.reserve(words.size() + 1);
-    for (std::string const& word : words) pointers.push_back(const_cast<char*>(word.c_str()));
-    pointers.push_back(nullptr);
     int output[2];
     if (pipe2(output, O_CLOEXEC) != 0) return false;
     output_ = sutl_Descriptor(output[0]);
-    sutl_Descriptor outputWriter(output[1]);
+    sutl_Descriptor const outputWriter(output[1]);
     fcntl(output_.Get(), F_SETFL, O_NONBLOCK);
-    int failure[2];  // closed by a program that starts, or told why it does not
-    if (pipe2(failure, O_CLOEXEC) != 0) return false;
-    sutl_Descriptor const told(failure[0]);
-    sutl_Descriptor telling(failure[1]);
-    pid_t const parent = getpid();
-    pid_t const child = fork();
+    sutl_Descriptor const input = sutl_OpenFile("/dev/null", O_RDONLY | O_CLOEXEC);
+    if (!input.IsOpen()) return false;
+    pid_t const child =
+        StartProgram(words, {input.Get(), outputWriter.Get(), outputWriter.Get()}, ProcessGroup::ITS_OWN);
     if (child < 0) return false;
-    if (child == 0) {
-        BecomeServer(parent, outputWriter.Get(), pointers.data());
-        int const error = errno;
-        static_cast<void>(!write(telling.Get(), &error, sizeof error));
-        _exit(127);
-    }
     pid_ = child;
-    telling.Close();
-    outputWriter.Close();
-    int error = 0;
-    bool const isTold = sutl_FileRead(told.Get(), &error, sizeof error) != 0;
-    if (!isTold) {
-        end_ = sutl_Descriptor(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
-        if (end_.IsOpen()) return true;
-        error = errno;
-        Signal(SIGKILL);
-    }
+    end_ = sutl_Descriptor(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
+    if (end_.IsOpen()) return true;
+    int const error = errno;
+    Signal(SIGKILL);
     static_cast<void>(Reap());
     errno = error;
     return false;
