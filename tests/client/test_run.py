@@ -7,6 +7,7 @@ import signal
 import socket
 import subprocess
 import time
+from contextlib import suppress
 from pathlib import Path
 
 from running import Consumer, Producer, free_ports, listening_ports, wait_until
@@ -184,6 +185,20 @@ class Running(Brindlectl):
         self.ready(tool, 2)
         self.stop(tool)
         wait_until("the records", lambda: len(set(self.received)) > 350)
+
+    def test_a_consumer_that_is_back_at_once_was_lost_all_the_same(self) -> None:
+        tool = self.start(window='"1s"')
+        self.ready(tool)
+        # Each record is a cycle, so that the server sends into the closed connection and makes it anew.
+        records = [(b"key", START_US + i * 250_000, i, i, 0, b"") for i in range(2000)]
+        producer = self.produce(records[:100])
+        wait_until("records", lambda: self.received)
+        self.consumer.drop()
+        with suppress(OSError):  # the server may be killed before it has all
+            producer.send(SCHEMA.encode_frame(records[100:]))
+        self.told(tool, "the connection to the consumer")
+        self.ready(tool, 2)
+        self.stop(tool)
 
     def test_bad_starts_are_tried_again_with_pauses_and_given_up(self) -> None:
         with socket.socket() as listener:
