@@ -61,6 +61,6 @@ void sutl_SetZeroLinger(sutl_Descriptor const& connection);
 void sutl_TakeNoMore(int descriptor);
 
 // Closes a connection with a zero linger, if there is one, so that its peer gets every byte and then the end of the
-// stream, while the port is free at once. Blocks until the peer's system has taken everything, but for no longer than 30
-// s without progress; then the rest is lost. errno is left as it was.
+// stream, while the port is free at once. Blocks until the peer's system has taken everything, but for no longer than
+// 30 s without progress; then the rest is lost. errno is left as it was.
 void sutl_CloseInOrder(sutl_Descriptor& connection);
