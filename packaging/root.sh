@@ -2,9 +2,9 @@
 # For the scripts beside this one: a minimal Debian of its own, made by debootstrap. Sourced; needs root.
 
 # Makes a fresh system in the directory $root, which goes when the script ends. The base that it is copied from is made
-# once, with the package sources that this machine has, and kept in build/root.
+# once, with the package sources that this machine has, and kept in build/chroot.
 make_root() {
-    local base=build/root/base codename mirror
+    local base=build/chroot/base codename mirror
     [ "$(id -u)" -eq 0 ] || { echo "${0##*/}: must be run by root, for debootstrap and chroot" >&2; exit 1; }
     scripts/setup --for package
     # shellcheck source=/dev/null
@@ -17,16 +17,16 @@ make_root() {
     if [ ! -e $base/.whole ]; then
         echo "== debootstrap, minimal $codename"
         rm -rf $base
-        mkdir -p build/root
-        debootstrap --variant=minbase "$codename" $base "$mirror" >build/root/debootstrap.log ||
-            { tail -n 3 build/root/debootstrap.log >&2; exit 1; }
+        mkdir -p build/chroot
+        debootstrap --variant=minbase "$codename" $base "$mirror" >build/chroot/debootstrap.log ||
+            { tail -n 3 build/chroot/debootstrap.log >&2; exit 1; }
         cp build/sources.list $base/etc/apt/sources.list
         apt-config dump Acquire | grep --ignore-case proxy >$base/etc/apt/apt.conf.d/50proxy || true
         printf '#!/bin/sh\nexit 101\n' >$base/usr/sbin/policy-rc.d
         chmod 755 $base/usr/sbin/policy-rc.d
         touch $base/.whole
     fi
-    root=$(mktemp --directory build/root/run.XXXXXX)
+    root=$(mktemp --directory build/chroot/run.XXXXXX)
     trap 'rm -rf "$root"' EXIT
     cp --archive $base/. "$root"
     cp /etc/resolv.conf /etc/hosts "$root/etc"
