@@ -20,7 +20,7 @@
 namespace {
 
 constexpr long SECOND_US = 1000000;
-constexpr long DAY_US = 24 * 3600 * SECOND_US;
+constexpr long DAY_US = 24L * 3600 * SECOND_US;
 constexpr char STATE_DEFAULT[] = "/var/lib/brindle";
 
 // A value while it is read.
