@@ -4,7 +4,6 @@ import csv
 import io
 import json
 import os
-import pty
 import shlex
 import shutil
 import signal
@@ -14,7 +13,7 @@ import subprocess
 import wire
 from running import free_ports, wait_until
 from runs import BINARIES, Run, expect, expect_same_records, fill, read_all, records_of
-from tools import COLUMNS, SCHEMA, START_US, TYPES, Brindlectl, addresses
+from tools import COLUMNS, SCHEMA, START_US, TYPES, Brindlectl, addresses, fork_at_terminal
 from wire import float_bits
 
 ONE = (b"k", START_US, -1, 2, float_bits(0.5), b"a,b")
@@ -211,11 +210,8 @@ class Queries(Brindlectl):
         run = self.staged([ONE])
         state = self.directory / "state"
         for typed, seen, status in ((b"help\nk 2001-01-01\n", b"a,b", 0), (b"\x10\x10\n", b"a,b", 0), (b"", b"query> ", 2)):
-            child, terminal = pty.fork()
-            if child == 0:
-                os.environ.update(XDG_STATE_HOME=str(state), TERM="xterm")
-                os.execv(os.environ["BRINDLE_BINARIES"] + "/brindlectl",
-                         ["brindlectl", "query", "--spec", str(self.spec), "--query", addresses(run.query_ports)])
+            child, terminal = fork_at_terminal({"XDG_STATE_HOME": str(state)}, "query", "--spec", self.spec, "--query",
+                                               addresses(run.query_ports))
             shown = b""
             for awaited, then in ((b"query> ", typed), (seen, b"\x03" if status else b"quit\n")):
                 while awaited not in shown:

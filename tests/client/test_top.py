@@ -2,14 +2,13 @@
 
 import json
 import os
-import pty
 import shutil
 import time
 from pathlib import Path
 
 from running import wait_until
-from runs import BINARIES, SANITIZED, Run, cycles_before_end, expect
-from tools import TYPES, Brindlectl
+from runs import SANITIZED, Run, cycles_before_end, expect
+from tools import TYPES, Brindlectl, fork_at_terminal
 from wire import Record, float_bits
 
 SECOND_US = 1_000_000
@@ -80,10 +79,7 @@ class Top(Brindlectl):
         name = f"brindle-{os.getpid()}"
         wrapper = ["bash", "-c", f'exec -a {name} "$0" "$@"']
         shown = bytearray()
-        pid, terminal = pty.fork()
-        if pid == 0:
-            os.environ["TERM"] = "xterm"
-            os.execv(BINARIES / "brindlectl", ["brindlectl", "top", "--name", name, "--interval", "100ms"])
+        pid, terminal = fork_at_terminal({}, "top", "--name", name, "--interval", "100ms")
 
         def shows(text: str) -> bool:
             shown.extend(os.read(terminal, 65536))

@@ -1,5 +1,7 @@
 """brindlectl as its users run it: command lines, streams and exit statuses."""
 
+import os
+import pty
 import shutil
 import socket
 import subprocess
@@ -20,6 +22,18 @@ START_US = 978307200000000  # 2001-01-01
 
 def addresses(ports: list[int]) -> str:
     return f"127.0.0.1:{ports[0]},{ports[1]}"
+
+
+def fork_at_terminal(environment: dict[str, str], *arguments: object) -> tuple[int, int]:
+    """A run of brindlectl at a terminal of its own: its process, and the other end of the terminal."""
+    try:
+        child, terminal = pty.fork()
+    except OSError as error:  # a bare chroot has none
+        raise unittest.SkipTest(str(error)) from None
+    if child == 0:
+        os.environ.update(environment, TERM="xterm")
+        os.execv(BINARIES / "brindlectl", ["brindlectl", *map(str, arguments)])
+    return child, terminal
 
 
 class Tool:
