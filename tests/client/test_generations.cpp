@@ -347,7 +347,7 @@ TEST(Generations, AreNeedlessOnceANewerOneHasAllOfThemAndMore) {
     for (unsigned i = 2; i < 12; ++i) {
         world.Prepare();
         std::string const former = fmt::format("state/gen-{:06}/recovery", i - 1);
-        EXPECT_EQ(world.work_ / former.c_str(), world.start_.replay);
+        EXPECT_EQ(world.work_ / former, world.start_.replay);
         world.server_->Replay(SIZE_MAX);
         world.AddRecords(200);
         world.Kill();

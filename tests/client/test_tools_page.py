@@ -63,7 +63,7 @@ class ToolsPage(Brindlectl):
             damaged.write(bytes(BLOCK))
         for one in found:
             if one not in live:
-                self.check(one[0].replace("--seconds 6", "--seconds 1"), *one[1:])
+                self.check(one[0].replace("--rate 50000 --seconds 6", "--rate 5000 --seconds 2"), *one[1:])
 
     def check(self, command: str, shown: list[str], status: int) -> None:
         with self.subTest(command):

@@ -54,7 +54,7 @@ bool ParseBytes(std::string_view text, long& bytes) {
 bool ParseDuration(std::string_view text, long& timeUs) {
     static constexpr long SECOND = 1000000;
     static constexpr Unit UNITS[] = {{"us", 1},          {"ms", 1000},         {"s", SECOND},
-                                     {"m", 60 * SECOND}, {"h", 3600 * SECOND}, {"d", 24 * 3600 * SECOND}};
+                                     {"m", 60 * SECOND}, {"h", 3600 * SECOND}, {"d", 24L * 3600 * SECOND}};
     return ParseWithUnit(text, UNITS, timeUs);
 }
 
