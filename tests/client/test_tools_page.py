@@ -34,7 +34,7 @@ def shapes(lines: list[str], command: str) -> list[str]:
     """What of a command's lines does not depend on the machine's speed: of those that measure, the names of things."""
     if not re.match("brindlectl (top|bench)", command):
         return [re.sub(r"\S*/(?=mended)", "", line) for line in lines]
-    return [re.sub(r"\d.*", "", line) for line in lines if re.match("[a-z]{3}", line) and "errors" not in line]
+    return [re.sub(r"\s*\d.*", "", line) for line in lines if re.match("[a-z]{3}", line) and "errors" not in line]
 
 
 class ToolsPage(Brindlectl):
