@@ -48,7 +48,7 @@ class Install(unittest.TestCase):
             source = examples / name / f"{name}.cpp"
             self.assertLess(len(source.read_text().splitlines()), 80)
             folder = self.base / "cmake" / name
-            done("cmake", "-S", source.parent, "-B", folder, f"-DCMAKE_PREFIX_PATH={self.prefix}")
+            done("cmake", "-G", "Ninja", "-S", source.parent, "-B", folder, f"-DCMAKE_PREFIX_PATH={self.prefix}")
             done("cmake", "--build", folder)
             (self.base / "pkg-config").mkdir(exist_ok=True)
             done("c++", "-std=c++20", "-Wall", "-Wextra", "-Werror", source, *flags, "-o",
