@@ -46,16 +46,20 @@ sutl_Descriptor ListenOn(in_addr host, unsigned short port) {
 
 }  // namespace
 
-brindle_Result brindle_ShipListener::Listen(brindle_Address const& address) {
-    in_addr host = {};
-    host.s_addr = htonl(INADDR_ANY);
+brindle_Result brindle_ListenOnShipPorts(brindle_Address const& address, sutl_Descriptor& first,
+                                         sutl_Descriptor& second) {
+    in_addr host = {htonl(INADDR_ANY)};
     if (address.host != "*") {
         if (brindle_Result const found = brindle_FindHost(address.host, host); found != BRINDLE_DONE) return found;
     }
-    firstListener_ = ListenOn(host, address.firstPort);
-    if (!firstListener_.IsOpen()) return BRINDLE_SYSTEM_ERROR;
-    secondListener_ = ListenOn(host, address.secondPort);
-    return secondListener_.IsOpen() ? BRINDLE_DONE : BRINDLE_SYSTEM_ERROR;
+    first = ListenOn(host, address.firstPort);
+    if (!first.IsOpen()) return BRINDLE_SYSTEM_ERROR;
+    second = ListenOn(host, address.secondPort);
+    return second.IsOpen() ? BRINDLE_DONE : BRINDLE_SYSTEM_ERROR;
+}
+
+brindle_Result brindle_ShipListener::Listen(brindle_Address const& address) {
+    return brindle_ListenOnShipPorts(address, firstListener_, secondListener_);
 }
 
 brindle_ShipListener::Event brindle_ShipListener::Next(int stopDescriptor, std::chrono::milliseconds wait,

@@ -12,6 +12,11 @@
 #include "brindle_result.h"
 #include "sutl_descriptor.h"
 
+// Opens both ports of a consumer, for * on every address of this machine. UNKNOWN_HOST, or SYSTEM_ERROR when a port is
+// taken.
+[[nodiscard]] brindle_Result brindle_ListenOnShipPorts(brindle_Address const& address, sutl_Descriptor& first,
+                                                       sutl_Descriptor& second);
+
 // Listens for servers and receives what they ship, one after the other or several at a time. A connection to the first
 // port is read from the moment it is there, whatever comes on the second port, whose connections carry nothing: a
 // server must not wait for its consumer. A connection that never says anything is none: a probe of a port does no

@@ -3,26 +3,14 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 
-#include "sutl_tcpsocket.h"
+#include "brindle_shiplistener.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-sutl_Descriptor ListenOn(in_addr host, unsigned short port) {
-    sutl_Descriptor socket = sutl_OpenTcpSocket();
-    int const on = 1;
-    setsockopt(socket.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr = host;
-    address.sin_port = htons(port);
-    if (bind(socket.Get(), reinterpret_cast<sockaddr const*>(&address), sizeof address) != 0) return {};
-    if (listen(socket.Get(), 1) != 0) return {};
-    return socket;
-}
 
 brindle_Result AcceptOne(sutl_Descriptor const& listener, Clock::time_point deadline, int stopDescriptor,
                          sutl_Descriptor& connection) {
@@ -42,14 +30,7 @@ brindle_Result AcceptOne(sutl_Descriptor const& listener, Clock::time_point dead
 }  // namespace
 
 brindle_Result ShipPorts::Listen(brindle_Address const& address) {
-    in_addr host = {htonl(INADDR_ANY)};
-    if (address.host != "*") {
-        if (brindle_Result const found = brindle_FindHost(address.host, host); found != BRINDLE_DONE) return found;
-    }
-    first_ = ListenOn(host, address.firstPort);
-    if (!first_.IsOpen()) return BRINDLE_SYSTEM_ERROR;
-    second_ = ListenOn(host, address.secondPort);
-    return second_.IsOpen() ? BRINDLE_DONE : BRINDLE_SYSTEM_ERROR;
+    return brindle_ListenOnShipPorts(address, first_, second_);
 }
 
 brindle_Result ShipPorts::Accept(std::chrono::milliseconds wait, int stopDescriptor, bench_Pair& pair) {
